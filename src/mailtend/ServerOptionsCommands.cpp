@@ -1,0 +1,109 @@
+#include "mailtend/ServerOptionsCommands.h"
+
+#include <cstdio>
+#include <cstring>
+
+void print_feature(const char *name, const char *value)
+{
+    if (std::strcmp(value, "true") == 0 || std::strcmp(value, "false") == 0)
+        std::printf("$features['%s'] = %s;\n", name, value);
+    else
+        std::printf("$features['%s'] = \"%s\";\n", name, value);
+}
+
+void print_feature_array(const char *name, std::size_t count, const char *const *pairs)
+{
+    std::printf("$features['%s'] = array(", name);
+    for (std::size_t i = 0; i < count; ++i)
+        std::printf("'%s'=>'%s',", pairs[2 * i], pairs[2 * i + 1]);
+    std::printf(");\n");
+}
+
+namespace zarnet {
+namespace mail {
+namespace postfix {
+namespace mailtend_commands {
+
+namespace {
+
+struct Feature {
+    const char *name;
+    const char *value;
+};
+
+// The panel switches its pages on these; the order is part of the output.
+const Feature features[] = {
+    {"MailName_SetName", "true"},
+    {"MailName_SetDomain", "true"},
+    {"MailName_Quota", "true"},
+    {"MailName_SetQuota", "true"},
+    {"MailName_Size", "true"},
+    {"MailName_Password", "true"},
+    {"MailName_SetPassword", "true"},
+    {"MailName_Postbox", "true"},
+    {"MailName_SetPostbox", "true"},
+    {"MailName_Forward", "true"},
+    {"MailName_MultiForward", "true"},
+    {"MailName_SetForward", "true"},
+    {"MailName_AutoResponder", "true"},
+    {"MailName_SetAutoResponder", "true"},
+    {"MailName_Aliases", "true"},
+    {"Domain_SetName", "true"},
+    {"Domain_Enable", "true"},
+    {"Domain_SetEnable", "true"},
+    {"Domain_Quota", "true"},
+    {"Domain_SetQuota", "true"},
+    {"Domain_Bounce", "true"},
+    {"Domain_SetBounce", "true"},
+    {"Domain_Catch", "true"},
+    {"Domain_SetCatch", "true"},
+    {"Domain_Reject", "true"},
+    {"Common_BadMail", "true"},
+    {"Common_MaxLetterSize", "true"},
+    {"Common_SetMaxLetterSize", "true"},
+    {"Relay", "true"},
+    {"Relay_Set", "true"},
+    {"Relay_Open", "true"},
+    {"Relay_Closed", "true"},
+    {"Relay_AuthorizationIsRequired", "true"},
+    {"Relay_AuthType_None", "true"},
+    {"Relay_AuthType_POP3_SMTP", "true"},
+    {"Relay_AuthType_POP3", "false"},
+    {"Relay_AuthType_SMTP", "true"},
+    {"Relay_POP3_LockTime", "true"},
+    {"Relay_WhiteList", "true"},
+    {"Relay_WhiteList_Mask", "true"},
+    {"Relay_BlackList", "true"},
+    {"Relay_WhiteList_BlackList", "true"},
+    {"MapsProtection", "true"},
+    {"SetMapsProtection", "true"},
+    {"AccountsFormat_Simple", "false"},
+    {"AccountsFormat_Compound", "true"},
+    {"AccountsFormat_Both", "false"},
+    {"AccountsFormat_Set", "true"},
+    {"Mail_Send", "true"},
+    {"Mail_Attachments", "true"},
+    {"Mail_Forward", "true"},
+    {"SMTP_Server", "Postfix"},
+    {"IMAP_POP3_Server", "Courier-IMAP"},
+    {"SMTP_Server_package", "postfix"},
+    {"IMAP_POP3_Server_package", "courier-imap"},
+    {"Message_Submission", "true"},
+    {"Message_Submission_all_IP", "true"},
+    {"Message_Submission_Dedicated_IP", "false"},
+};
+
+} // namespace
+
+int printFeatures(int, char **)
+{
+    for (const Feature &f : features)
+        print_feature(f.name, f.value);
+    std::fflush(stdout);
+    return 0;
+}
+
+} // namespace mailtend_commands
+} // namespace postfix
+} // namespace mail
+} // namespace zarnet

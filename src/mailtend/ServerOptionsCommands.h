@@ -1,0 +1,26 @@
+// Commands that change or report server-wide mail settings.
+//
+// The feature report is PHP source the panel evaluates: one assignment to
+// $features per line, "true"/"false" bare and every other value quoted.
+#ifndef MAILTEND_MAILTEND_SERVEROPTIONSCOMMANDS_H
+#define MAILTEND_MAILTEND_SERVEROPTIONSCOMMANDS_H
+
+#include <cstddef>
+
+namespace zarnet {
+namespace mail {
+namespace postfix {
+namespace mailtend_commands {
+
+int printFeatures(int argc, char **argv);
+
+} // namespace mailtend_commands
+} // namespace postfix
+} // namespace mail
+} // namespace zarnet
+
+void print_feature(const char *name, const char *value);
+// pairs holds count key/value pairs: key0, value0, key1, value1, ...
+void print_feature_array(const char *name, std::size_t count, const char *const *pairs);
+
+#endif

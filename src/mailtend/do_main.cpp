@@ -1,0 +1,94 @@
+#include "mailtend/do_main.h"
+
+#include "mail/mail_database.h"
+#include "mailtend/usage.h"
+#include "utils/Traceback.h"
+#include "utils/UtilityErrorStream.h"
+
+#include <cxxabi.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <typeinfo>
+
+namespace zarnet {
+namespace mail {
+namespace postfix {
+namespace mailtend_commands {
+
+CommandMapAssigner &CommandMapAssigner::operator()(const std::string &word,
+                                                   CommandHandler handler)
+{
+    map_[word] = handler;
+    return *this;
+}
+
+void fillCommandMap(CommandMap &map)
+{
+    CommandMapAssigner assign(map);
+    for (std::size_t i = 0; i < command_table_size; ++i) {
+        const CommandEntry &e = command_table[i];
+        if (e.handler == nullptr)
+            continue;
+        // "-p, --start-smtpd": both words reach the same handler.
+        const std::string text(e.command);
+        const std::string::size_type comma = text.find(", ");
+        if (comma == std::string::npos) {
+            assign(text, e.handler);
+        } else {
+            assign(text.substr(0, comma), e.handler)(text.substr(comma + 2), e.handler);
+        }
+    }
+}
+
+void printFatalError(const std::exception &e)
+{
+    const char *raw = typeid(e).name();
+    int status = 0;
+    char *demangled = abi::__cxa_demangle(raw, nullptr, nullptr, &status);
+    uerr << "Fatal error: " << (status == 0 && demangled != nullptr ? demangled : raw) << '('
+         << e.what() << ')' << std::endl;
+    std::free(demangled);
+    if (const Traceback *tb = dynamic_cast<const Traceback *>(&e))
+        uerr << *tb;
+}
+
+int runGuarded(int (*run)(int, char **), int argc, char **argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &e) {
+        printFatalError(e);
+        return 1;
+    } catch (...) {
+        uerr << "UNSPECIFIED ERROR OCCURED" << std::endl;
+        return 2;
+    }
+}
+
+} // namespace mailtend_commands
+} // namespace postfix
+} // namespace mail
+} // namespace zarnet
+
+namespace mc = zarnet::mail::postfix::mailtend_commands;
+
+int do_main(int argc, char **argv)
+{
+    if (argc <= 1) {
+        std::cerr << "Error: " << "no command specified" << std::endl;
+        mc::usageShort(1, std::cerr);
+    }
+
+    mc::CommandMap commands;
+    mc::fillCommandMap(commands);
+
+    const auto found = commands.find(argv[1]);
+    if (found == commands.end()) {
+        std::cerr << "Error: " << "invalid command " << argv[1] << std::endl;
+        mc::usageShort(1, std::cerr);
+    }
+
+    mailAuthDBSelectStyle(1);
+    return found->second(argc - 1, argv + 1);
+}

@@ -1,0 +1,96 @@
+#include "mailtend/usage.h"
+
+#include "mailtend/command_table.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+
+namespace zarnet {
+namespace mail {
+namespace postfix {
+namespace mailtend_commands {
+
+namespace {
+
+[[noreturn]] void finish(int status, std::ostream &os)
+{
+    os.flush();
+    std::exit(status);
+}
+
+} // namespace
+
+void writeUsageShort(std::ostream &os)
+{
+    os << "Usage: mailtend <COMMAND> <COMMAND OPTIONS...>" << std::endl
+       << "\t for a complete list of commands use ``mailtend --help-commands''" << std::endl
+       << "\t for help on syntax for a particular command use ``mailtend <COMMAND> --help''"
+       << std::endl
+       << "\t for legacy complete help use ``mailtend --help-legacy''" << std::endl;
+}
+
+void writeUsageCommands(std::ostream &os)
+{
+    std::size_t width = 0;
+    for (std::size_t i = 0; i < command_table_size; ++i)
+        width = std::max(width, std::strlen(command_table[i].command));
+    width += 2;
+
+    os << "Mailtend commands:" << std::endl;
+    for (std::size_t i = 0; i < command_table_size; ++i) {
+        const CommandEntry &e = command_table[i];
+        const std::size_t len = std::strlen(e.command);
+        os << e.command << std::string(width - len, ' ') << e.description << std::endl;
+    }
+}
+
+void writeUsageLegacy(std::ostream &os)
+{
+    os << "Usage: mailtend [OPTIONS]... " << std::endl;
+    for (std::size_t i = 0; i < command_table_size; ++i) {
+        const CommandEntry &e = command_table[i];
+        os << "  " << e.command << ' ' << e.syntax << std::endl
+           << "        " << e.description << std::endl;
+    }
+}
+
+void usageShort(int status, std::ostream &os)
+{
+    writeUsageShort(os);
+    finish(status, os);
+}
+
+void usageCommands(int status, std::ostream &os)
+{
+    writeUsageCommands(os);
+    finish(status, os);
+}
+
+void usageLegacy(int status, std::ostream &os)
+{
+    writeUsageLegacy(os);
+    finish(status, os);
+}
+
+} // namespace mailtend_commands
+} // namespace postfix
+} // namespace mail
+} // namespace zarnet
+
+namespace mc = zarnet::mail::postfix::mailtend_commands;
+
+int usageShortCmd(int, char **)
+{
+    mc::usageShort(0, std::cout);
+}
+
+int usageCommandsCmd(int, char **)
+{
+    mc::usageCommands(0, std::cout);
+}
+
+int usageLegacyCmd(int, char **)
+{
+    mc::usageLegacy(0, std::cout);
+}

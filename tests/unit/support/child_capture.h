@@ -1,0 +1,26 @@
+// Runs a piece of code in a child process with its standard output and
+// standard error captured separately, for code that ends the process or
+// whose contract is what reaches each stream.
+#ifndef MAILTEND_TESTS_CHILD_CAPTURE_H
+#define MAILTEND_TESTS_CHILD_CAPTURE_H
+
+#include <functional>
+#include <ostream>
+#include <string>
+
+namespace testsupport {
+
+struct ChildResult {
+    int status = -1; // exit status, or 128 + signal
+    std::string out;
+    std::string err;
+};
+
+std::ostream &operator<<(std::ostream &os, const ChildResult &r);
+
+// body's return value is the child's exit status when it returns.
+ChildResult runInChild(const std::function<int()> &body);
+
+} // namespace testsupport
+
+#endif
