@@ -1,7 +1,16 @@
 #include "mailtend/ServerOptionsCommands.h"
 
+#include "mail/postfix/MainCfManager.h"
+#include "mail/postfix/SettingsManager.h"
+#include "mailtend/CommandNames.h"
+#include "mailtend/ProgramOptionsHelper.h"
+
+#include <boost/lexical_cast.hpp>
+
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <iostream>
 
 void print_feature(const char *name, const char *value)
 {
@@ -100,6 +109,54 @@ int printFeatures(int, char **)
     for (const Feature &f : features)
         print_feature(f.name, f.value);
     std::fflush(stdout);
+    return 0;
+}
+
+namespace {
+
+namespace po = boost::program_options;
+
+// A size parameter of main.cf as a bare number; a value that is not one
+// raises the conversion error.
+int printSizeParameter(const char *name)
+{
+    const std::string value = MainCfManager::getInstance().getStringValue(name, false);
+    std::cout << boost::lexical_cast<int64_t>(value) << std::endl;
+    return 0;
+}
+
+// The black-list commands share one option set and differ in the change.
+std::string parseBlackDomain(const char *description, const char *usage, int argc, char **argv)
+{
+    ProgramOptionsHelper helper(description, usage);
+    helper.addOptions()("domain-name", po::value<std::string>(), "domain name", true);
+    standardOptionsParse(helper, argc, argv);
+    return asciiDomain(helper.variables["domain-name"].as<std::string>());
+}
+
+} // namespace
+
+int getMaxLetterSize(int, char **)
+{
+    return printSizeParameter("message_size_limit");
+}
+
+int getMailboxLimit(int, char **)
+{
+    return printSizeParameter("mailbox_size_limit");
+}
+
+int addBadMailFrom(int argc, char **argv)
+{
+    SettingsManager::addBlackDomain(parseBlackDomain(
+        "add a badmailfrom", "--add-badmailfrom --domain-name=<domain>", argc, argv));
+    return 0;
+}
+
+int removeBadMailFrom(int argc, char **argv)
+{
+    SettingsManager::removeBlackDomain(parseBlackDomain(
+        "remove a badmailfrom", "--remove-badmailfrom --domain-name=<domain>", argc, argv));
     return 0;
 }
 

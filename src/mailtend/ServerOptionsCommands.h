@@ -13,6 +13,10 @@ namespace postfix {
 namespace mailtend_commands {
 
 int printFeatures(int argc, char **argv);
+int getMaxLetterSize(int argc, char **argv);
+int getMailboxLimit(int argc, char **argv);
+int addBadMailFrom(int argc, char **argv);
+int removeBadMailFrom(int argc, char **argv);
 
 } // namespace mailtend_commands
 } // namespace postfix

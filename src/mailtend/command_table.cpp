@@ -90,11 +90,11 @@ const CommandEntry command_table[] = {
     {"--add-badmailfrom",
      "--domain-name=<domain_name>",
      "adds mail domain to the blacklist",
-     nullptr}, // addBadMailFrom
+     addBadMailFrom},
     {"--remove-badmailfrom",
      "--domain-name=<domain_name>",
      "removes mail domain from the blacklist",
-     nullptr}, // removeBadMailFrom
+     removeBadMailFrom},
     {"--set-bounce",
      "--domain-name=<domain_name> [--phrase=<phrase>]",
      "letters sent to a nonexistent mailname, are bounced with this phrase",
@@ -138,11 +138,11 @@ const CommandEntry command_table[] = {
     {"--get-max-letter-size",
      "",
      "gets maximum letter size",
-     nullptr}, // getMaxLetterSize
+     getMaxLetterSize},
     {"--get-mailbox-size-limit",
      "",
      "gets size limit of mailbox",
-     nullptr}, // getMailboxLimit
+     getMailboxLimit},
     {"--list-attachments",
      "[--in-blocks] [--fullname] --domain-name=<domain_name> (--mailname=<mail_name>|--mail-all)",
      "lists attachments for <mail_name>",

@@ -1,0 +1,171 @@
+#include "mail/postfix/MainCfManager.h"
+
+#include "mail/postfix/DatabaseHelper.h"
+#include "mail/postfix/PostfixError.h"
+#include "utils/MKLock.h"
+#include "utils/ProcessPipe.h"
+
+#include <sys/wait.h>
+
+#include <algorithm>
+
+namespace zarnet {
+namespace mail {
+namespace postfix {
+
+namespace {
+
+using process::Parameters;
+using process::Pipe;
+using process::PipeProcessFlags;
+
+bool exitedZero(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
+
+std::string trim(const std::string &s, const char *blanks)
+{
+    const std::string::size_type first = s.find_first_not_of(blanks);
+    if (first == std::string::npos)
+        return std::string();
+    return s.substr(first, s.find_last_not_of(blanks) - first + 1);
+}
+
+} // namespace
+
+void SingleCompoundStringValueAppender::operator()(std::vector<std::string> &pieces) const
+{
+    const std::string wanted = trim(value_, " \t");
+    for (const std::string &piece : pieces)
+        if (trim(piece, " \t") == wanted)
+            return;
+    pieces.push_back(value_);
+}
+
+MainCfManager &MainCfManager::getInstance()
+{
+    static MainCfManager instance;
+    return instance;
+}
+
+MainCfManager::MainCfManager()
+{
+    const std::string dir = getStringValue("config_directory", false);
+    if (dir.empty())
+        throw PostfixConfigurationError("unable to determine Postfix config_directory parameter");
+    mainCf_ = dir + "/main.cf";
+}
+
+std::string MainCfManager::getStringValue(const std::string &name, bool defaultValue) const
+{
+    std::vector<std::string> args{"-h"};
+    if (defaultValue)
+        args.push_back("-d");
+    args.push_back(name);
+
+    std::string value, errors;
+    Pipe pipe(Parameters<PipeProcessFlags>(configTool, args));
+    pipe.stdoutChannel().receiver = process::makeStringReceiver(value);
+    pipe.stderrChannel().receiver = process::makeStringReceiver(errors);
+    if (!exitedZero(pipe.run()))
+        throw PostfixConfigurationError(errors.empty() ? "unknown error" : errors);
+    if (value.empty() && !DatabaseHelper::checkOutput(errors, false))
+        throw PostfixConfigurationError(errors);
+    return trim(value, " \t\r\n");
+}
+
+void MainCfManager::replaceStringValue(const std::string &name, const std::string &value) const
+{
+    std::string output;
+    Pipe pipe(Parameters<PipeProcessFlags>(configTool, std::vector<std::string>{"-e", name + "=" + value}));
+    pipe.stdoutChannel().receiver = process::makeStringReceiver(output);
+    pipe.stderrChannel().receiver = process::makeStringReceiver(output);
+    int status;
+    {
+        MKLock lock(mainCf_);
+        status = pipe.run();
+    }
+    if (!exitedZero(status))
+        throw PostfixConfigurationError(output.empty() ? "unknown error" : output);
+}
+
+std::vector<std::string> MainCfManager::splitSimpleList(const std::string &value)
+{
+    std::vector<std::string> elements;
+    std::string::size_type i = 0;
+    while (i < value.size()) {
+        const std::string::size_type start = value.find_first_not_of(" \t,", i);
+        if (start == std::string::npos)
+            break;
+        std::string::size_type end = value.find_first_of(" \t,", start);
+        if (end == std::string::npos)
+            end = value.size();
+        elements.push_back(value.substr(start, end - start));
+        i = end;
+    }
+    return elements;
+}
+
+std::vector<std::string> MainCfManager::splitCompoundList(const std::string &value)
+{
+    std::vector<std::string> pieces;
+    std::string::size_type start = 0;
+    while (start <= value.size()) {
+        std::string::size_type comma = value.find(',', start);
+        if (comma == std::string::npos)
+            comma = value.size();
+        const std::string piece = trim(value.substr(start, comma - start), " \t");
+        if (!piece.empty())
+            pieces.push_back(piece);
+        start = comma + 1;
+    }
+    return pieces;
+}
+
+std::string MainCfManager::joinList(const std::vector<std::string> &elements)
+{
+    std::string joined;
+    for (const std::string &e : elements) {
+        if (!joined.empty())
+            joined += ", ";
+        joined += e;
+    }
+    return joined;
+}
+
+void MainCfManager::appendStringValue(const std::string &name, const std::string &value) const
+{
+    const std::string current = getStringValue(name, false);
+    const std::vector<std::string> elements = splitSimpleList(current);
+    if (std::find(elements.begin(), elements.end(), value) != elements.end()) {
+        // Only the network list is written back when already present.
+        if (name == "mynetworks")
+            replaceStringValue(name, current);
+        return;
+    }
+    replaceStringValue(name, elements.empty() ? value : current + ", " + value);
+}
+
+void MainCfManager::removeListElement(const std::string &name, const std::string &value) const
+{
+    std::vector<std::string> elements = splitSimpleList(getStringValue(name, false));
+    elements.erase(std::remove(elements.begin(), elements.end(), value), elements.end());
+    replaceStringValue(name, joinList(elements));
+}
+
+void MainCfManager::appendCompoundStringValue(const std::string &name,
+                                              const std::string &value) const
+{
+    filterStringValues(name, SingleCompoundStringValueAppender(value));
+}
+
+void MainCfManager::filterStringValues(const std::string &name,
+                                       const CompoundListFilter &filter) const
+{
+    std::vector<std::string> pieces = splitCompoundList(getStringValue(name, false));
+    filter(pieces);
+    pieces.erase(std::remove(pieces.begin(), pieces.end(), std::string()), pieces.end());
+    replaceStringValue(name, joinList(pieces));
+}
+
+} // namespace postfix
+} // namespace mail
+} // namespace zarnet

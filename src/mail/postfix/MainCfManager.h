@@ -1,0 +1,72 @@
+// The only way this system reads or changes the mail server's main.cf:
+// every read runs the configuration tool with -h, every write with -e, and
+// writes hold the main.cf file lock. main.cf is never parsed or written here.
+//
+// Lists come in two shapes. Simple lists (networks) split at any run of
+// blanks, tabs and commas. Compound lists (restrictions) split at commas only
+// and trim each piece, so a piece may hold blanks ("check_client_access
+// pcre:/x"). Lists are written back joined with ", ".
+//
+// Throws PostfixConfigurationError with the tool's diagnostics (or "unknown
+// error"); process-layer and lock errors pass through.
+#ifndef MAILTEND_MAIL_POSTFIX_MAINCFMANAGER_H
+#define MAILTEND_MAIL_POSTFIX_MAINCFMANAGER_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace zarnet {
+namespace mail {
+namespace postfix {
+
+// Rewrites the pieces of a compound list in place: keep, replace, drop, or
+// add pieces anywhere.
+typedef std::function<void(std::vector<std::string> &pieces)> CompoundListFilter;
+
+// Appends value as the last piece unless a piece already equals it.
+class SingleCompoundStringValueAppender {
+public:
+    explicit SingleCompoundStringValueAppender(const std::string &value) : value_(value) {}
+    void operator()(std::vector<std::string> &pieces) const;
+
+private:
+    std::string value_;
+};
+
+class MainCfManager {
+public:
+    static constexpr const char *configTool = "/usr/sbin/postconf";
+
+    static MainCfManager &getInstance();
+
+    // The value trimmed of surrounding white space; with defaultValue, the
+    // built-in default instead of the configured value.
+    std::string getStringValue(const std::string &name, bool defaultValue) const;
+    void replaceStringValue(const std::string &name, const std::string &value) const;
+
+    void appendStringValue(const std::string &name, const std::string &value) const;
+    void removeListElement(const std::string &name, const std::string &value) const;
+    void appendCompoundStringValue(const std::string &name, const std::string &value) const;
+    void filterStringValues(const std::string &name, const CompoundListFilter &filter) const;
+
+    const std::string &mainCfPath() const { return mainCf_; }
+
+    // Splitting rules, shared with the tests.
+    static std::vector<std::string> splitSimpleList(const std::string &value);
+    static std::vector<std::string> splitCompoundList(const std::string &value);
+    static std::string joinList(const std::vector<std::string> &elements);
+
+private:
+    MainCfManager();
+    MainCfManager(const MainCfManager &) = delete;
+    MainCfManager &operator=(const MainCfManager &) = delete;
+
+    std::string mainCf_;
+};
+
+} // namespace postfix
+} // namespace mail
+} // namespace zarnet
+
+#endif

@@ -1,0 +1,21 @@
+#include "mailtend/CommandNames.h"
+
+#include "utils/idn.h"
+
+#include <boost/algorithm/string/case_conv.hpp>
+
+namespace zarnet {
+namespace mail {
+namespace postfix {
+namespace mailtend_commands {
+
+std::string asciiDomain(const std::string &name)
+{
+    // ASCII only after the conversion, so the C locale's lower-casing is exact.
+    return boost::algorithm::to_lower_copy(zarnet::idn::toAscii(name), std::locale::classic());
+}
+
+} // namespace mailtend_commands
+} // namespace postfix
+} // namespace mail
+} // namespace zarnet

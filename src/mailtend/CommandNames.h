@@ -1,0 +1,24 @@
+// Names as the command handlers hand them to the lower layers.
+//
+// A domain becomes its IDNA ASCII form in lower case: the conversion leaves
+// all-ASCII labels exactly as typed, but table keys and directory names
+// must not depend on how the panel capitalised a name. Conversion failures
+// throw zarnet::idn::IdnaError.
+#ifndef MAILTEND_MAILTEND_COMMANDNAMES_H
+#define MAILTEND_MAILTEND_COMMANDNAMES_H
+
+#include <string>
+
+namespace zarnet {
+namespace mail {
+namespace postfix {
+namespace mailtend_commands {
+
+std::string asciiDomain(const std::string &name);
+
+} // namespace mailtend_commands
+} // namespace postfix
+} // namespace mail
+} // namespace zarnet
+
+#endif

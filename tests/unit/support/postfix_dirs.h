@@ -1,0 +1,42 @@
+// Private directories for tests that run the real Postfix tools: a table
+// directory, a lock directory, and a configuration directory (main.cf copied
+// from the installed one) that postconf uses through MAIL_CONFIG, so no test
+// reads or writes the machine's own configuration or locks.
+#ifndef MAILTEND_TESTS_POSTFIX_DIRS_H
+#define MAILTEND_TESTS_POSTFIX_DIRS_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+class PostfixDirs {
+public:
+    PostfixDirs();
+    ~PostfixDirs();
+    PostfixDirs(const PostfixDirs &) = delete;
+    PostfixDirs &operator=(const PostfixDirs &) = delete;
+
+    std::string table(const std::string &name) const { return "hash:" + tables + "/" + name; }
+    std::string source(const std::string &name) const { return tables + "/" + name; }
+
+    // postmap -q; "" when the key is absent.
+    static std::string query(const std::string &table, const std::string &key);
+    // postmap -s as a map.
+    static std::map<std::string, std::string> dump(const std::string &table);
+    // Creates an empty table.
+    static void create(const std::string &table);
+    // Moves main.cf back in time so the tools do not wait for it to settle.
+    void settle() const;
+
+    std::string root, tables, locks, config;
+};
+
+// Runs argv, returns stdout; status in *status when given.
+std::string runProgram(const std::vector<std::string> &argv, int *status = nullptr,
+                       const std::string &input = std::string());
+
+} // namespace testsupport
+
+#endif
