@@ -2,9 +2,9 @@
 
 #include "mail/postfix/DatabaseFilters.h"
 #include "mail/postfix/PostfixError.h"
+#include "mail/postfix/postfix_tool.h"
 #include "utils/AutocleanOFStream.h"
 #include "utils/MKLock.h"
-#include "utils/ProcessPipe.h"
 
 #include <sys/wait.h>
 
@@ -17,57 +17,42 @@ namespace postfix {
 
 namespace {
 
-using process::Parameters;
-using process::Pipe;
-using process::PipeProcessFlags;
-
 std::string &compilerOverride()
 {
     static std::string path;
     return path;
 }
 
-bool exitedZero(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
-
-std::string messageOf(const std::string &output)
-{
-    return output.empty() ? "unknown error" : output;
-}
-
 // The text form has no way to carry these; a record that broke it would be
 // split or silently skipped by the compiler.
-void checkRecord(const Record &r)
-{
-    if (r.first.empty() || r.first.find_first_of(" \t\n") != std::string::npos)
-        throw std::invalid_argument("invalid lookup table key '" + r.first + "'");
-    if (r.second.empty() || r.second.find('\n') != std::string::npos)
-        throw std::invalid_argument("invalid lookup table value '" + r.second + "' for key '" +
-                                    r.first + "'");
-}
-
 void checkKey(const std::string &key)
 {
     if (key.empty() || key.find_first_of(" \t\n") != std::string::npos)
         throw std::invalid_argument("invalid lookup table key '" + key + "'");
 }
 
+void checkRecord(const Record &r)
+{
+    checkKey(r.first);
+    if (r.second.empty() || r.second.find('\n') != std::string::npos)
+        throw std::invalid_argument("invalid lookup table value '" + r.second + "' for key '" +
+                                    r.first + "'");
+}
+
 // Runs the compiler with both of its output streams collected into output.
 int runCompiler(const std::vector<std::string> &args, const process::InputSource &input,
                 std::string &output)
 {
-    Pipe pipe(Parameters<PipeProcessFlags>(DatabaseHelper::compilerPath(), args));
-    if (input)
-        pipe.setInput(input);
-    pipe.stdoutChannel().receiver = process::makeStringReceiver(output);
-    pipe.stderrChannel().receiver = process::makeStringReceiver(output);
-    return pipe.run();
+    const process::Receiver collect = process::makeStringReceiver(output);
+    return runPostfixTool(DatabaseHelper::compilerPath(), args, input, collect, collect);
 }
 
-void compileOrThrow(const std::vector<std::string> &args)
+void compileOrThrow(const std::vector<std::string> &args,
+                    const process::InputSource &input = process::InputSource())
 {
     std::string output;
-    if (!exitedZero(runCompiler(args, process::InputSource(), output)))
-        throw PostfixConfigurationError(messageOf(output));
+    if (!exitedZero(runCompiler(args, input, output)))
+        throw PostfixConfigurationError(failureText(output));
 }
 
 // Removals: the compiler exits non-zero for an absent key, which is not a
@@ -79,7 +64,7 @@ void removeOrThrow(const std::vector<std::string> &args, const process::InputSou
     if (exitedZero(status))
         return;
     if (WIFSIGNALED(status) || !DatabaseHelper::checkOutput(output, false))
-        throw PostfixDatabaseError(messageOf(output));
+        throw PostfixDatabaseError(failureText(output));
 }
 
 } // namespace
@@ -137,9 +122,7 @@ void DatabaseHelper::addRecordList(const std::string &table, const RecordList &r
             more = formRecord(buffer, position, records.end());
         return true;
     };
-    std::string output;
-    if (!exitedZero(runCompiler({"-r", "-i", table}, source, output)))
-        throw PostfixConfigurationError(messageOf(output));
+    compileOrThrow({"-r", "-i", table}, source);
 }
 
 void DatabaseHelper::replaceRecordList(const std::string &table, const RecordList &records)
@@ -194,8 +177,7 @@ void DatabaseHelper::filterRecords(const std::string &table, const RecordFilter 
     // A failed write must not abandon the dump half-read: the rest of the
     // output is drained and the failure raised once the dump has ended.
     std::exception_ptr writeFailure;
-    Pipe dump(Parameters<PipeProcessFlags>(compilerPath(), std::vector<std::string>{"-s", table}));
-    dump.stdoutChannel().receiver = [&](const std::vector<char> &chunk) {
+    const process::Receiver filterLines = [&](const std::vector<char> &chunk) {
         if (writeFailure)
             return;
         try {
@@ -204,12 +186,12 @@ void DatabaseHelper::filterRecords(const std::string &table, const RecordFilter 
             writeFailure = std::current_exception();
         }
     };
-    dump.stderrChannel().receiver = process::makeStringReceiver(errors);
-    const int status = dump.run();
+    const int status = runPostfixTool(compilerPath(), {"-s", table}, process::InputSource(),
+                                      filterLines, process::makeStringReceiver(errors));
     if (writeFailure)
         std::rethrow_exception(writeFailure);
     if (!exitedZero(status))
-        throw PostfixConfigurationError(messageOf(errors));
+        throw PostfixConfigurationError(failureText(errors));
     lines.finish();
     source.close();
     compileOrThrow({table});

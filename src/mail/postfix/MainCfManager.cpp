@@ -2,10 +2,8 @@
 
 #include "mail/postfix/DatabaseHelper.h"
 #include "mail/postfix/PostfixError.h"
+#include "mail/postfix/postfix_tool.h"
 #include "utils/MKLock.h"
-#include "utils/ProcessPipe.h"
-
-#include <sys/wait.h>
 
 #include <algorithm>
 
@@ -14,12 +12,6 @@ namespace mail {
 namespace postfix {
 
 namespace {
-
-using process::Parameters;
-using process::Pipe;
-using process::PipeProcessFlags;
-
-bool exitedZero(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
 
 std::string trim(const std::string &s, const char *blanks)
 {
@@ -62,11 +54,11 @@ std::string MainCfManager::getStringValue(const std::string &name, bool defaultV
     args.push_back(name);
 
     std::string value, errors;
-    Pipe pipe(Parameters<PipeProcessFlags>(configTool, args));
-    pipe.stdoutChannel().receiver = process::makeStringReceiver(value);
-    pipe.stderrChannel().receiver = process::makeStringReceiver(errors);
-    if (!exitedZero(pipe.run()))
-        throw PostfixConfigurationError(errors.empty() ? "unknown error" : errors);
+    const int status = runPostfixTool(configTool, args, process::InputSource(),
+                                      process::makeStringReceiver(value),
+                                      process::makeStringReceiver(errors));
+    if (!exitedZero(status))
+        throw PostfixConfigurationError(failureText(errors));
     if (value.empty() && !DatabaseHelper::checkOutput(errors, false))
         throw PostfixConfigurationError(errors);
     return trim(value, " \t\r\n");
@@ -75,16 +67,15 @@ std::string MainCfManager::getStringValue(const std::string &name, bool defaultV
 void MainCfManager::replaceStringValue(const std::string &name, const std::string &value) const
 {
     std::string output;
-    Pipe pipe(Parameters<PipeProcessFlags>(configTool, std::vector<std::string>{"-e", name + "=" + value}));
-    pipe.stdoutChannel().receiver = process::makeStringReceiver(output);
-    pipe.stderrChannel().receiver = process::makeStringReceiver(output);
+    const process::Receiver collect = process::makeStringReceiver(output);
     int status;
     {
         MKLock lock(mainCf_);
-        status = pipe.run();
+        status = runPostfixTool(configTool, {"-e", name + "=" + value}, process::InputSource(),
+                                collect, collect);
     }
     if (!exitedZero(status))
-        throw PostfixConfigurationError(output.empty() ? "unknown error" : output);
+        throw PostfixConfigurationError(failureText(output));
 }
 
 std::vector<std::string> MainCfManager::splitSimpleList(const std::string &value)
