@@ -46,7 +46,8 @@ def test_black_list_options(sandbox, command):
     r = sandbox.mailtend(command)
     assert (r.rc, r.err, r.out) == (1, missing, missing + want_help), r
 
-    for args in (["--domain-name=a.example", "--domain-name=b.example"],  # repeated
+    for args in (["--help", "--bogus"],                                    # parse error beats help
+                 ["--domain-name=a.example", "--domain-name=b.example"],  # repeated
                  ["--domain=a.example"],                                   # abbreviation
                  ["--domain-name=a.example", "--add-domain"],              # second command
                  ["--domain-name=a.example", "stray"]):                    # surplus value
