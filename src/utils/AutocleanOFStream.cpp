@@ -1,6 +1,7 @@
 #include "utils/AutocleanOFStream.h"
 
 #include "utils/ExSystemError.h"
+#include "utils/fd_io.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,27 +11,6 @@
 
 namespace zarnet {
 
-namespace {
-
-// Durability of the rename itself; the content is already safe either way,
-// so a directory that cannot be synced (some filesystems refuse) is no error.
-void sync_parent_directory(const std::string &target)
-{
-    const std::string::size_type slash = target.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : target.substr(0, slash);
-    int fd;
-    do
-        fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    while (fd < 0 && errno == EINTR);
-    if (fd < 0)
-        return;
-    while (fsync(fd) != 0 && errno == EINTR) {
-    }
-    close(fd);
-}
-
-} // namespace
-
 AutocleanOFStream::AutocleanOFStream(const std::string &path)
     : std::ofstream(path, std::ios::out | std::ios::trunc), path_(path)
 {
@@ -39,6 +19,9 @@ AutocleanOFStream::AutocleanOFStream(const std::string &path)
 AutocleanOFStream::~AutocleanOFStream()
 {
     const int saved = errno;
+    // With the caller's exception mask a failing close (a full disk fails
+    // the final flush again) would throw out of the destructor.
+    exceptions(std::ios::goodbit);
     if (is_open())
         close();
     if (!committed_)
@@ -61,6 +44,8 @@ void AutocleanOFStream::commit(const std::string &target, bool set_attributes, u
 {
     if (!is_open())
         throwSystemError("commit of " + path_ + ": stream not open", EBADF);
+    // Failures here are SystemError, not the stream's own exception.
+    exceptions(std::ios::goodbit);
     errno = 0;
     flush();
     if (fail())
@@ -69,10 +54,7 @@ void AutocleanOFStream::commit(const std::string &target, bool set_attributes, u
     if (fail())
         throwSystemError("close " + path_, errno != 0 ? errno : EIO);
 
-    int fd;
-    do
-        fd = ::open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    while (fd < 0 && errno == EINTR);
+    const int fd = fd_io::open_retry(path_.c_str(), O_RDONLY | O_NOFOLLOW);
     if (fd < 0)
         throwSystemError("open " + path_);
 
@@ -81,31 +63,21 @@ void AutocleanOFStream::commit(const std::string &target, bool set_attributes, u
         ::close(fd);
         throwSystemError(std::string(step) + " " + path_, saved);
     };
-    int rc;
     if (set_attributes) {
         // chown first: it clears set-id bits that the mode may ask for.
-        do
-            rc = fchown(fd, owner, group);
-        while (rc != 0 && errno == EINTR);
-        if (rc != 0)
+        if (fd_io::retry_eintr([&] { return fchown(fd, owner, group); }) != 0)
             fail_with("fchown");
-        do
-            rc = fchmod(fd, mode);
-        while (rc != 0 && errno == EINTR);
-        if (rc != 0)
+        if (fd_io::retry_eintr([&] { return fchmod(fd, mode); }) != 0)
             fail_with("fchmod");
     }
-    do
-        rc = fsync(fd);
-    while (rc != 0 && errno == EINTR);
-    if (rc != 0)
+    if (fd_io::fsync_retry(fd) != 0)
         fail_with("fsync");
     ::close(fd);
 
     if (rename(path_.c_str(), target.c_str()) != 0)
         throwSystemError("rename " + path_ + " to " + target);
     committed_ = true;
-    sync_parent_directory(target);
+    fd_io::sync_parent_directory(target);
 }
 
 } // namespace zarnet

@@ -3,15 +3,17 @@
 // The constructor opens the path for writing with truncation; a failure leaves
 // the stream in the failed state (no exception), so callers that want one set
 // exceptions() as with any stream. Destruction closes the stream and unlinks
-// the path, keeping errno, so a writer that fails halfway leaves nothing.
+// the path, keeping errno and throwing nothing whatever exceptions() asks
+// for, so a writer that fails halfway leaves nothing.
 //
 // To replace a file that others read, write to a path of your own in the
 // target's directory (same filesystem, so the rename is atomic) and commit():
 // it flushes, sets owner and mode if asked, fsyncs, closes and renames the
 // file over the target, so readers see the old content or the new, never a
-// part. Any failure throws SystemError and leaves the target untouched (the
-// file is still unlinked at destruction). After a commit the stream is closed
-// and destruction leaves the path alone, which may already name a new file.
+// part. Any failure throws SystemError (never the stream's own exception)
+// and leaves the target untouched (the file is still unlinked at
+// destruction). After a commit the stream is closed and destruction leaves
+// the path alone, which may already name a new file.
 //
 // std::ofstream does not expose its descriptor, so commit() reopens the
 // written path (O_NOFOLLOW) for fchown/fchmod/fsync: Linux applies all three

@@ -1,6 +1,7 @@
 #include "utils/MKLock.h"
 
 #include "utils/ExSystemError.h"
+#include "utils/fd_io.h"
 #include "utils/md5.h"
 #include "utils/product_log.h"
 
@@ -29,11 +30,7 @@ std::string &lock_dir_override()
 // O_TRUNC through a planted symlink would truncate whatever it points at.
 int open_lock_file(const char *path)
 {
-    int fd;
-    do
-        fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
-    while (fd < 0 && errno == EINTR);
-    return fd;
+    return fd_io::open_retry(path, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW, 0644);
 }
 
 lock_struct_t *mk_lock_(const char *name, int derive, bool nonblock)
@@ -65,25 +62,17 @@ lock_struct_t *mk_lock_(const char *name, int derive, bool nonblock)
     // would read as "held elsewhere".
     if (fd == 0) {
         const int moved = fcntl(fd, F_DUPFD_CLOEXEC, 1);
-        const int saved = errno;
-        close(fd);
+        fd_io::close_quietly(fd);
         if (moved < 0) {
-            errno = saved;
             lock->fd = -1;
             return lock;
         }
         fd = moved;
     }
 
-    int rc;
-    do
-        rc = flock(fd, LOCK_EX | (nonblock ? LOCK_NB : 0));
-    while (rc != 0 && errno == EINTR);
-    if (rc != 0) {
-        const int saved = errno;
-        close(fd);
-        errno = saved;
-        lock->fd = saved == EWOULDBLOCK ? 0 : -1;
+    if (fd_io::retry_eintr([&] { return flock(fd, LOCK_EX | (nonblock ? LOCK_NB : 0)); }) != 0) {
+        fd_io::close_quietly(fd);
+        lock->fd = errno == EWOULDBLOCK ? 0 : -1;
         return lock;
     }
     lock->fd = fd;
@@ -129,6 +118,17 @@ lock_struct_t *mk_nonblock_lock(const char *name, int derive)
     return mk_lock_(name, derive, true);
 }
 
+lock_struct_t *mk_held_lock(const char *name, int derive)
+{
+    lock_struct_t *lock = mk_lock(name, derive);
+    if (is_locked(lock))
+        return lock;
+    const int saved = lock == nullptr ? ENOMEM : errno;
+    free_lock(lock);
+    errno = saved;
+    return nullptr;
+}
+
 int is_locked(const lock_struct_t *lock)
 {
     return lock != nullptr && lock->fd > 0;
@@ -144,9 +144,7 @@ int rm_lock(lock_struct_t *lock)
     if (lock == nullptr)
         return 0;
     int result = 0;
-    // Not retried on EINTR: Linux has released the descriptor by then, and a
-    // second close could hit one opened meanwhile.
-    if (lock->fd > 0 && close(lock->fd) != 0 && errno != EINTR) {
+    if (lock->fd > 0 && fd_io::close_fd(lock->fd) != 0) {
         const int saved = errno;
         messlog2(0, 0, "An error occured during closing '%s' file: %s\n", lock->path,
                  std::strerror(saved));

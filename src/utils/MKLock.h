@@ -48,6 +48,9 @@ char *mk_flock_path(const char *name);
 // lives on a tmpfs that a reboot empties.
 lock_struct_t *mk_lock(const char *name, int derive);
 lock_struct_t *mk_nonblock_lock(const char *name, int derive);
+// mk_lock for callers that report failure themselves: a held lock, or null
+// with errno saying why (ENOMEM when memory ran out) and nothing to free.
+lock_struct_t *mk_held_lock(const char *name, int derive);
 
 int is_locked(const lock_struct_t *lock);
 // True also for a null record, so that a caller can test one value for

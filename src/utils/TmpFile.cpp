@@ -32,7 +32,7 @@ TmpFile::Created TmpFile::create(const std::string &prefix)
     std::string name = prefix + "XXXXXX";
     const int fd = mkostemp(&name[0], O_CLOEXEC);
     if (fd < 0)
-        throwSystemError("mkstemp() failed: ", errno);
+        throwSystemError("mkstemp() failed", errno);
     return Created{std::move(name), fd};
 }
 

@@ -3,9 +3,9 @@
 // copy_file copies src over dst in place, under dst's lock (mk_lock, derived
 // name); a new dst gets src's mode (less the umask), an existing one keeps
 // its own. A dst of "-" is standard output, which is flushed but not closed.
-// Equal paths are a no-op. Returns 0, or 1 after a messlog2 report; a
-// failure partway leaves dst partly written, so use it only where nobody
-// reads dst meanwhile.
+// A dst that is src itself, by the same path or another name, is a no-op.
+// Returns 0, or 1 after a messlog2 report; a failure partway leaves dst
+// partly written, so use it only where nobody reads dst meanwhile.
 //
 // copy_file_atomic replaces dst by a copy of src that readers never see half
 // written: the copy goes to a unique file beside dst, gets owner, group and

@@ -1,6 +1,7 @@
 #include "utils/file_str.h"
 
 #include "utils/MKLock.h"
+#include "utils/fd_io.h"
 #include "utils/product_log.h"
 
 #include <fcntl.h>
@@ -17,30 +18,13 @@ namespace {
 const size_t read_size = 4096;
 const size_t write_size = 65536;
 
-int open_retry(const char *path, int flags, mode_t mode = 0)
-{
-    int fd;
-    do
-        fd = open(path, flags | O_CLOEXEC, mode);
-    while (fd < 0 && errno == EINTR);
-    return fd;
-}
-
+// A write that accepts nothing counts as an I/O error.
 bool write_all(int fd, const char *p, size_t n)
 {
-    while (n > 0) {
-        const ssize_t done = write(fd, p, n);
-        if (done < 0 && errno == EINTR)
-            continue;
-        if (done <= 0) {
-            if (done == 0)
-                errno = EIO;
-            return false;
-        }
-        p += done;
-        n -= static_cast<size_t>(done);
-    }
-    return true;
+    const ssize_t done = fd_io::write_all(fd, p, n);
+    if (done >= 0 && static_cast<size_t>(done) != n)
+        errno = EIO;
+    return done >= 0 && static_cast<size_t>(done) == n;
 }
 
 // Reads in blocks of read_size but hands out whole lines, so a line longer
@@ -65,10 +49,7 @@ public:
             }
             line.append(start, len_ - pos_);
             pos_ = len_ = 0;
-            ssize_t got;
-            do
-                got = read(fd_, buf_, sizeof buf_);
-            while (got < 0 && errno == EINTR);
+            const ssize_t got = fd_io::read_retry(fd_, buf_, sizeof buf_);
             if (got < 0)
                 return -1;
             if (got == 0)
@@ -149,19 +130,6 @@ bool put_strings(BufferedWriter &out, const char *const *strings)
     return out.flush();
 }
 
-// Best effort: the rename's durability, not the content's.
-void sync_parent_directory(const std::string &path)
-{
-    const std::string::size_type slash = path.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    const int fd = open_retry(dir.c_str(), O_RDONLY | O_DIRECTORY);
-    if (fd < 0)
-        return;
-    while (fsync(fd) != 0 && errno == EINTR) {
-    }
-    close(fd);
-}
-
 // One edit under the file's lock. Every failure path reports, then returns 1
 // through the destructor's clean-up: descriptors closed, an unrenamed
 // temporary file removed, the lock released.
@@ -206,13 +174,13 @@ public:
             return 1;
         }
 
-        in_ = open_retry(path_.c_str(), O_RDONLY);
+        in_ = fd_io::open_retry(path_.c_str(), O_RDONLY);
         if (in_ < 0)
             return fail("Unable to open file %s: %s\n", path_.c_str());
         // A leftover from an interrupted run, or something planted: start afresh.
         if (unlink(tmp_.c_str()) != 0 && errno != ENOENT)
             return fail("Unable to open file %s: %s\n", tmp_.c_str());
-        out_ = open_retry(tmp_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+        out_ = fd_io::open_retry(tmp_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
         if (out_ < 0)
             return fail("Unable to open file %s: %s\n", tmp_.c_str());
         tmp_created_ = true;
@@ -236,13 +204,13 @@ public:
 
         if (restore_owner_and_mode(out_) != 0)
             return 1;
-        if (fsync_retry(out_) != 0 || close_fd(out_) != 0)
+        if (fd_io::fsync_retry(out_) != 0 || close_fd(out_) != 0)
             return fail("Unable to close file %s: %s\n", tmp_.c_str());
         close_fd(in_);
         if (rename(tmp_.c_str(), path_.c_str()) != 0)
             return fail("Error while rename file %s: %s\n", path_.c_str());
         tmp_created_ = false;
-        sync_parent_directory(path_);
+        fd_io::sync_parent_directory(path_);
         return 0;
     }
 
@@ -259,25 +227,22 @@ public:
 private:
     int append(const char *const *strings)
     {
-        out_ = open_retry(path_.c_str(), O_RDWR | O_APPEND | O_CREAT, 0666);
+        out_ = fd_io::open_retry(path_.c_str(), O_RDWR | O_APPEND | O_CREAT, 0666);
         if (out_ < 0)
             return fail("Unable to open file %s: %s\n", path_.c_str());
         BufferedWriter out(out_);
         struct stat now;
         char last = '\n';
         ssize_t got = 0;
-        if (fstat(out_, &now) == 0 && now.st_size > 0) {
-            do
-                got = pread(out_, &last, 1, now.st_size - 1);
-            while (got < 0 && errno == EINTR);
-        }
+        if (fstat(out_, &now) == 0 && now.st_size > 0)
+            got = fd_io::retry_eintr([&] { return pread(out_, &last, 1, now.st_size - 1); });
         if (got == 1 && last != '\n' && !out.put("\n"))
             return fail("Unable to fputs to file %s: %s\n", path_.c_str());
         if (!put_strings(out, strings))
             return fail("Unable to fputs to file %s: %s\n", path_.c_str());
         if (restore_owner_and_mode(out_) != 0)
             return 1;
-        if (fsync_retry(out_) != 0 || close_fd(out_) != 0)
+        if (fd_io::fsync_retry(out_) != 0 || close_fd(out_) != 0)
             return fail("Unable to close file %s: %s\n", path_.c_str());
         return 0;
     }
@@ -288,16 +253,9 @@ private:
     {
         if (is_new_)
             return 0;
-        int rc;
-        do
-            rc = fchown(fd, st_.st_uid, st_.st_gid);
-        while (rc != 0 && errno == EINTR);
-        if (rc != 0)
+        if (fd_io::retry_eintr([&] { return fchown(fd, st_.st_uid, st_.st_gid); }) != 0)
             return fail("file_str: ERROR: Unable to chown file %s: %s", path_.c_str());
-        do
-            rc = fchmod(fd, st_.st_mode & 07777);
-        while (rc != 0 && errno == EINTR);
-        if (rc != 0)
+        if (fd_io::retry_eintr([&] { return fchmod(fd, st_.st_mode & 07777); }) != 0)
             return fail("file_str: ERROR: Unable to chmod file %s: %s", path_.c_str());
         return 0;
     }
@@ -311,23 +269,12 @@ private:
         _exit(1); // not reached: messlog2 with status 1 exits
     }
 
-    static int fsync_retry(int fd)
-    {
-        int rc;
-        do
-            rc = fsync(fd);
-        while (rc != 0 && errno == EINTR);
-        return rc;
-    }
-
-    // Not retried on EINTR: the descriptor is gone by then on Linux.
+    // Leaves fd empty, so the destructor does not close it again.
     static int close_fd(int &fd)
     {
-        if (fd < 0)
-            return 0;
-        const int rc = close(fd);
+        const int rc = fd_io::close_fd(fd);
         fd = -1;
-        return rc != 0 && errno != EINTR ? -1 : 0;
+        return rc;
     }
 
     std::string path_;
@@ -360,12 +307,9 @@ int file_strings(const char *path, const char *const *strings, int operation, in
         return 1;
     }
 
-    lock_struct_t *lock = mk_lock(path, 1);
-    if (!is_locked(lock)) {
-        const int saved = lock == nullptr ? ENOMEM : errno;
-        free_lock(lock);
-        errno = saved;
-        messlog2(0, 0, "Error occurred while locking the file %s: %s\n", path, std::strerror(saved));
+    lock_struct_t *lock = mk_held_lock(path, 1);
+    if (lock == nullptr) {
+        messlog2(0, 0, "Error occurred while locking the file %s: %s\n", path, std::strerror(errno));
         return 1;
     }
     Edit edit(path, lock);

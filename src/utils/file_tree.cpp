@@ -1,5 +1,6 @@
 #include "utils/file_tree.h"
 
+#include "utils/fd_io.h"
 #include "utils/product_log.h"
 
 #include <dirent.h>
@@ -15,25 +16,6 @@
 namespace {
 
 enum class Op { Remove, Chown, Chmod };
-
-int open_at(int dirfd, const char *name, int flags)
-{
-    int fd;
-    do
-        fd = openat(dirfd, name, flags | O_CLOEXEC);
-    while (fd < 0 && errno == EINTR);
-    return fd;
-}
-
-template <typename Call>
-int retry(Call call)
-{
-    int rc;
-    do
-        rc = call();
-    while (rc != 0 && errno == EINTR);
-    return rc;
-}
 
 class Walk {
 public:
@@ -70,24 +52,21 @@ int Walk::run(const char *path)
         top.pop_back();
     const std::string::size_type slash = top.rfind('/');
     const std::string base = slash == std::string::npos ? top : top.substr(slash + 1);
-    const std::string parent =
-        slash == std::string::npos ? "." : slash == 0 ? "/" : top.substr(0, slash);
+    const std::string parent = fd_io::parent_directory(top);
     const char *verb = op_ == Op::Remove ? "remove" : op_ == Op::Chown ? "chown" : "chmod";
     if (base.empty() || base == "." || base == "..") {
         errno = EINVAL;
         return fail(verb, top);
     }
 
-    const int dirfd = open_at(AT_FDCWD, parent.c_str(), O_RDONLY | O_DIRECTORY);
+    const int dirfd = fd_io::open_retry(parent.c_str(), O_RDONLY | O_DIRECTORY);
     if (dirfd < 0) {
         if (op_ == Op::Remove && (errno == ENOENT || errno == ENOTDIR))
             return 0;
         return fail("open directory", parent);
     }
     const int rc = entry(dirfd, base.c_str(), top);
-    const int saved = errno;
-    close(dirfd);
-    errno = saved;
+    fd_io::close_quietly(dirfd);
     return rc;
 }
 
@@ -102,20 +81,18 @@ int Walk::entry(int dirfd, const char *name, const std::string &path)
 
     if (S_ISDIR(st.st_mode)) {
         // O_NOFOLLOW: the entry may have become a link since fstatat.
-        const int fd = open_at(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+        const int fd = fd_io::openat_retry(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
         if (fd < 0)
             return fail("open directory", path);
         int rc = 0;
-        if (op_ == Op::Chown && retry([&] { return fchown(fd, owner, group); }) != 0)
+        if (op_ == Op::Chown && fd_io::retry_eintr([&] { return fchown(fd, owner, group); }) != 0)
             rc = fail("chown", path);
         else if (op_ == Op::Chmod && dir_mode != FILE_TREE_KEEP_MODE &&
-                 retry([&] { return fchmod(fd, dir_mode); }) != 0)
+                 fd_io::retry_eintr([&] { return fchmod(fd, dir_mode); }) != 0)
             rc = fail("chmod", path);
         if (rc == 0)
             rc = directory(fd, path);
-        const int saved = errno;
-        close(fd);
-        errno = saved;
+        fd_io::close_quietly(fd);
         if (rc != 0)
             return rc;
         if (op_ == Op::Remove && unlinkat(dirfd, name, AT_REMOVEDIR) != 0 && errno != ENOENT)
@@ -131,7 +108,9 @@ int Walk::entry(int dirfd, const char *name, const std::string &path)
     case Op::Chown:
         // AT_SYMLINK_NOFOLLOW makes the change itself refuse to follow, so a
         // swap after fstatat cannot redirect it.
-        if (retry([&] { return fchownat(dirfd, name, owner, group, AT_SYMLINK_NOFOLLOW); }) != 0)
+        if (fd_io::retry_eintr([&] {
+                return fchownat(dirfd, name, owner, group, AT_SYMLINK_NOFOLLOW);
+            }) != 0)
             return fail("chown", path);
         return 0;
     case Op::Chmod:
@@ -147,18 +126,16 @@ int Walk::entry(int dirfd, const char *name, const std::string &path)
 // swapped in meanwhile from hanging the open.
 int Walk::chmod_regular(int dirfd, const char *name, const std::string &path)
 {
-    const int fd = open_at(dirfd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    const int fd = fd_io::openat_retry(dirfd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
     if (fd < 0)
         return fail("chmod", path);
     struct stat st;
     int rc = 0;
     if (fstat(fd, &st) != 0)
         rc = fail("chmod", path);
-    else if (S_ISREG(st.st_mode) && retry([&] { return fchmod(fd, file_mode); }) != 0)
+    else if (S_ISREG(st.st_mode) && fd_io::retry_eintr([&] { return fchmod(fd, file_mode); }) != 0)
         rc = fail("chmod", path);
-    const int saved = errno;
-    close(fd);
-    errno = saved;
+    fd_io::close_quietly(fd);
     return rc;
 }
 
@@ -171,9 +148,7 @@ int Walk::directory(int fd, const std::string &path)
         return fail("read directory", path);
     DIR *dir = fdopendir(dup_fd);
     if (dir == nullptr) {
-        const int saved = errno;
-        close(dup_fd);
-        errno = saved;
+        fd_io::close_quietly(dup_fd);
         return fail("read directory", path);
     }
     std::vector<std::string> names;

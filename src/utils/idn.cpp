@@ -161,8 +161,10 @@ const char *idn_url_toascii(const char *url)
 {
     static char buffer[url_buffer_size];
 
+    // The user part and the host end where a path, query or fragment
+    // begins: an "@" further on belongs to those, not to the authority.
     regex_t re;
-    int rc = regcomp(&re, "^(ftp://|https?://)?([^@]+@)?([^/:]+)(.*)?$", REG_EXTENDED);
+    int rc = regcomp(&re, "^(ftp://|https?://)?([^@/?#]+@)?([^/:?#]+)(.*)?$", REG_EXTENDED);
     if (rc != 0) {
         char text[256];
         regerror(rc, &re, text, sizeof text);

@@ -64,7 +64,8 @@ char *idn_toascii_safe(const char *name);
 char *idn_toutf8_safe(const char *name);
 char *idn_email_toascii_safe(const char *address);
 
-// Converts the host part of "[scheme://][user@]host[rest]". The result lives
+// Converts the host part of "[scheme://][user@]host[rest]", where rest
+// starts at the first ":", "/", "?" or "#" after the host. The result lives
 // in a static buffer overwritten by the next call (not reentrant); null on
 // failure, reported through zarnet_log at level 3.
 const char *idn_url_toascii(const char *url);

@@ -1,5 +1,8 @@
 #include "utils/AutocleanOFStream.h"
 
+#include "support/child_capture.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
 #include "utils/ExSystemError.h"
 
 #include <gtest/gtest.h>
@@ -9,41 +12,21 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 namespace {
 
-std::string slurp(const std::string &path)
-{
-    std::ifstream in(path);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-bool exists(const std::string &path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
+using testsupport::exists;
+using testsupport::slurp;
 
 class AutocleanOFStreamTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        std::string tmpl = ::testing::TempDir() + "autoclean-XXXXXX";
-        ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
-        dir_ = tmpl;
-        target_ = dir_ + "/virtual";
-        tmp_ = dir_ + "/virtual.new";
-        std::ofstream(target_) << "old\n";
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
+    void SetUp() override { testsupport::spit(target_, "old\n"); }
 
-    std::string dir_, target_, tmp_;
+    const testsupport::TempDir temp_{"autoclean"};
+    const std::string dir_ = temp_.path();
+    const std::string target_ = dir_ + "/virtual";
+    const std::string tmp_ = dir_ + "/virtual.new";
 };
 
 TEST_F(AutocleanOFStreamTest, UncommittedFileDisappearsAndErrnoSurvives)
@@ -119,6 +102,46 @@ TEST_F(AutocleanOFStreamTest, CommitReportsAnEarlierWriteFailure)
     zarnet::AutocleanOFStream out(tmp_);
     out.setstate(std::ios::badbit); // as a failed write leaves it
     EXPECT_THROW(out.commit(target_), zarnet::SystemError);
+    EXPECT_EQ(slurp(target_), "old\n");
+}
+
+// Callers set exceptions(badbit | failbit); on a full disk the last flush
+// fails again when the stream is closed. Run in a child: a throw out of the
+// destructor would terminate the process.
+TEST_F(AutocleanOFStreamTest, StreamExceptionsChangeNeitherCommitNorDestruction)
+{
+    const std::string destroyed_path = dir_ + "/full-destroyed";
+    const std::string committed_path = dir_ + "/full-committed";
+    for (const std::string &link : {destroyed_path, committed_path})
+        ASSERT_EQ(symlink("/dev/full", link.c_str()), 0);
+
+    const auto destroyed = testsupport::runInChild([&] {
+        {
+            zarnet::AutocleanOFStream out(destroyed_path);
+            out.exceptions(std::ios::badbit | std::ios::failbit);
+            out << "x";
+        }
+        return 0;
+    });
+    EXPECT_EQ(destroyed.status, 0) << destroyed;
+    EXPECT_FALSE(exists(destroyed_path));
+
+    const auto committed = testsupport::runInChild([&] {
+        zarnet::AutocleanOFStream out(committed_path);
+        out.exceptions(std::ios::badbit | std::ios::failbit);
+        out << "x";
+        try {
+            out.commit(target_);
+        } catch (const zarnet::SystemError &e) {
+            return e.code() == ENOSPC ? 0 : 2;
+        } catch (...) {
+            return 3;
+        }
+        return 1;
+    });
+    EXPECT_EQ(committed.status, 0) << "1: no failure, 2: wrong code, 3: not a SystemError; "
+                                   << committed;
+    EXPECT_FALSE(exists(committed_path));
     EXPECT_EQ(slurp(target_), "old\n");
 }
 

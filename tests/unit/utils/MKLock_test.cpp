@@ -1,6 +1,8 @@
 #include "utils/MKLock.h"
 
 #include "support/child_capture.h"
+#include "support/lock_wait.h"
+#include "support/temp_dir.h"
 #include "utils/ExSystemError.h"
 #include "utils/md5.h"
 
@@ -15,57 +17,25 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 namespace {
-
-// True once /proc/locks shows pid waiting for an flock on the inode. The
-// bound only keeps a broken lock from hanging the run.
-bool waitUntilBlocked(pid_t pid, ino_t ino)
-{
-    const std::string inode = ":" + std::to_string(ino);
-    for (int i = 0; i < 20000; ++i) {
-        std::ifstream locks("/proc/locks");
-        std::string line;
-        while (std::getline(locks, line)) {
-            std::istringstream in(line);
-            std::string id, arrow, kind, advisory, mode, who, file;
-            in >> id >> arrow >> kind >> advisory >> mode >> who >> file;
-            if (arrow == "->" && kind == "FLOCK" && who == std::to_string(pid) &&
-                file.size() > inode.size() &&
-                file.compare(file.size() - inode.size(), inode.size(), inode) == 0)
-                return true;
-        }
-        usleep(500);
-    }
-    return false;
-}
 
 class MKLockTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        std::string tmpl = ::testing::TempDir() + "mklock-XXXXXX";
-        ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
-        root_ = tmpl;
-        lockDir_ = root_ + "/locks";
         ASSERT_EQ(mkdir(lockDir_.c_str(), 0755), 0);
         mk_lock_set_dir_for_testing(lockDir_.c_str());
-        name_ = root_ + "/protected.cf";
     }
 
-    void TearDown() override
-    {
-        mk_lock_set_dir_for_testing(nullptr);
-        std::filesystem::remove_all(root_);
-    }
+    void TearDown() override { mk_lock_set_dir_for_testing(nullptr); }
 
-    std::string root_;
-    std::string lockDir_;
-    std::string name_;
+    const testsupport::TempDir temp_{"mklock"};
+    const std::string root_ = temp_.path();
+    const std::string lockDir_ = root_ + "/locks";
+    const std::string name_ = root_ + "/protected.cf";
 };
 
 TEST_F(MKLockTest, HeldLockRefusesNonBlockingAndMakesBlockingWait)
@@ -85,7 +55,7 @@ TEST_F(MKLockTest, HeldLockRefusesNonBlockingAndMakesBlockingWait)
             if (write(up[1], &c, 1) != 1)
                 _exit(2);
             struct stat st;
-            if (stat(path.c_str(), &st) != 0 || !waitUntilBlocked(parent, st.st_ino))
+            if (stat(path.c_str(), &st) != 0 || !testsupport::waitUntilBlocked(parent, st.st_ino))
                 _exit(4);
             // Written while still holding: the parent must find it after it
             // gets the lock, never before.
@@ -202,6 +172,26 @@ TEST_F(MKLockTest, UnusableLockDirectoryThrowsSystemErrorAndReports)
     const std::string want =
         "Unable to open file \"" + path + "\": Not a directory.\nSystem error 20: Not a directory\n";
     EXPECT_EQ(r.out, want);
+}
+
+TEST_F(MKLockTest, HeldLockIsHeldOrNullWithTheReason)
+{
+    lock_struct_t *lock = mk_held_lock(name_.c_str(), 1);
+    ASSERT_NE(lock, nullptr);
+    EXPECT_TRUE(is_locked(lock));
+    lock_struct_t *other = mk_nonblock_lock(name_.c_str(), 1);
+    EXPECT_TRUE(is_already_locked(other)) << "returned a lock that is not held";
+    free_lock(other);
+    EXPECT_EQ(rm_lock(lock), 0);
+
+    const std::string file = root_ + "/plain";
+    std::ofstream(file) << "x";
+    mk_lock_set_dir_for_testing((file + "/locks").c_str());
+    const auto r = testsupport::runInChild([&] {
+        errno = 0;
+        return mk_held_lock(name_.c_str(), 1) == nullptr && errno == ENOTDIR ? 0 : 1;
+    });
+    EXPECT_EQ(r.status, 0) << r;
 }
 
 TEST_F(MKLockTest, ClosedStandardInputDoesNotLookLikeAHeldLock)

@@ -1,6 +1,7 @@
 #include "utils/ProcessLaunch.h"
 
 #include "support/child_capture.h"
+#include "support/children.h"
 #include "utils/ExSystemError.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +11,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <typeinfo>
 
@@ -106,15 +106,6 @@ Caught catchWaitExec(ProcessLaunch &p)
     return {"nothing", ""};
 }
 
-// Children of this single-threaded process, zombies included.
-std::string children()
-{
-    std::ifstream list("/proc/self/task/" + std::to_string(getpid()) + "/children");
-    std::string pids;
-    std::getline(list, pids);
-    return pids;
-}
-
 // A literal with its embedded NULs, without the terminating one.
 template <size_t N>
 std::string bytes(const char (&literal)[N])
@@ -190,7 +181,7 @@ TEST(ProcessLaunch, InvalidSelectorRejectedBeforeFork)
         {ProcessLaunch::FD_INHERIT, ProcessLaunch::FD_PIPE, -1, "invalid FD for stderr"},
         {ProcessLaunch::FD_INHERIT, ProcessLaunch::FD_PIPE, -6, "invalid FD for stderr"},
     };
-    const std::string before = children();
+    const std::string before = testsupport::children();
     for (const auto &c : cases) {
         Program s;
         s.argv = {"/bin/true"};
@@ -204,7 +195,7 @@ TEST(ProcessLaunch, InvalidSelectorRejectedBeforeFork)
             EXPECT_STREQ(e.what(), c.want);
         }
     }
-    EXPECT_EQ(children(), before) << "a child was forked for a rejected selector";
+    EXPECT_EQ(testsupport::children(), before) << "a child was forked for a rejected selector";
 }
 
 TEST(ProcessLaunch, UnrunnableProgramThrowsFromWaitExecAndIsReaped)

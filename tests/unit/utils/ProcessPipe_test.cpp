@@ -1,6 +1,7 @@
 #include "utils/ProcessPipe.h"
 
 #include "support/child_capture.h"
+#include "support/children.h"
 #include "utils/ExSystemError.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +10,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
 #include <map>
 #include <sstream>
 
@@ -62,15 +62,6 @@ zarnet::process::InputSource source(const std::string &text, size_t chunk, bool 
             return *pos < text.size();
         return n > 0;
     };
-}
-
-// Children of this single-threaded process, zombies included.
-std::string children()
-{
-    std::ifstream list("/proc/self/task/" + std::to_string(getpid()) + "/children");
-    std::string pids;
-    std::getline(list, pids);
-    return pids;
 }
 
 bool exitedWith(int status, int code)
@@ -243,7 +234,7 @@ TEST(Pipe, MisuseIsRefused)
 
 TEST(Pipe, UnrunnableProgramInChainThrowsAndLeavesNoZombie)
 {
-    const std::string before = children();
+    const std::string before = testsupport::children();
     const std::string input = pattern(1 << 20, 1, 2);
     Pipe pipe(P("/bin/cat"));
     pipe.append(P("/nonexistent/filter"));
@@ -258,7 +249,7 @@ TEST(Pipe, UnrunnableProgramInChainThrowsAndLeavesNoZombie)
         EXPECT_STREQ(e.std::runtime_error::what(), "execv");
         EXPECT_EQ(e.code(), ENOENT);
     }
-    EXPECT_EQ(children(), before) << "a started process was left behind";
+    EXPECT_EQ(testsupport::children(), before) << "a started process was left behind";
 }
 
 TEST(Pipe, UnsetStderrIsInherited)

@@ -1,6 +1,8 @@
 #include "utils/TmpFile.h"
 
 #include "support/child_capture.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
 #include "utils/ExSystemError.h"
 
 #include <gtest/gtest.h>
@@ -10,31 +12,17 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 namespace {
 
-bool exists(const std::string &path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
+using testsupport::exists;
 
 class TmpFileTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        std::string tmpl = ::testing::TempDir() + "tmpfile-XXXXXX";
-        ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
-        dir_ = tmpl;
-        prefix_ = dir_ + "/handler.";
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-
-    std::string dir_, prefix_;
+    const testsupport::TempDir temp_{"tmpfile"};
+    const std::string dir_ = temp_.path();
+    const std::string prefix_ = dir_ + "/handler.";
 };
 
 TEST_F(TmpFileTest, AutocleanDecidesWhetherTheFileOutlivesTheObject)
@@ -55,10 +43,7 @@ TEST_F(TmpFileTest, AutocleanDecidesWhetherTheFileOutlivesTheObject)
         EXPECT_EQ(errno, EXDEV) << "autoclean " << autoclean;
         EXPECT_EQ(exists(path), !autoclean) << "autoclean " << autoclean;
         if (!autoclean) {
-            std::ifstream in(path);
-            std::ostringstream got;
-            got << in.rdbuf();
-            EXPECT_EQ(got.str(), "body 42") << "buffered text lost at destruction";
+            EXPECT_EQ(testsupport::slurp(path), "body 42") << "buffered text lost at destruction";
         }
     }
 }
@@ -77,7 +62,7 @@ TEST_F(TmpFileTest, CreationFailureThrowsWithErrno)
         ADD_FAILURE() << "created " << tmp.path();
     } catch (const zarnet::SystemError &e) {
         EXPECT_EQ(e.code(), ENOENT);
-        EXPECT_EQ(std::string(e.what()), "mkstemp() failed: : No such file or directory");
+        EXPECT_EQ(std::string(e.what()), "mkstemp() failed: No such file or directory");
     }
 }
 

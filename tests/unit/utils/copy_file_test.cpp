@@ -1,6 +1,8 @@
 #include "utils/copy_file.h"
 
 #include "support/child_capture.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
 #include "utils/MKLock.h"
 
 #include <gtest/gtest.h>
@@ -17,30 +19,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 namespace {
 
-std::string slurp(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void spit(const std::string &path, const std::string &text)
-{
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-bool exists(const std::string &path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
+using testsupport::exists;
+using testsupport::slurp;
+using testsupport::spit;
 
 // A size that is not a multiple of the copy block, with varied bytes.
 std::string sample(size_t size, char salt)
@@ -53,20 +38,8 @@ std::string sample(size_t size, char salt)
 
 class CopyFileTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        std::string tmpl = ::testing::TempDir() + "copy_file-XXXXXX";
-        ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
-        dir_ = tmpl;
-        mk_lock_set_dir_for_testing((dir_ + "/locks").c_str());
-        src_ = dir_ + "/src";
-        dst_ = dir_ + "/dst";
-    }
-    void TearDown() override
-    {
-        mk_lock_set_dir_for_testing(nullptr);
-        std::filesystem::remove_all(dir_);
-    }
+    void SetUp() override { mk_lock_set_dir_for_testing((dir_ + "/locks").c_str()); }
+    void TearDown() override { mk_lock_set_dir_for_testing(nullptr); }
 
     // Names in dir_ other than the given ones: leftovers of a copy.
     std::string strayFiles(std::initializer_list<std::string> known)
@@ -83,7 +56,10 @@ protected:
         return stray;
     }
 
-    std::string dir_, src_, dst_;
+    const testsupport::TempDir temp_{"copy_file"};
+    const std::string dir_ = temp_.path();
+    const std::string src_ = dir_ + "/src";
+    const std::string dst_ = dir_ + "/dst";
 };
 
 TEST_F(CopyFileTest, EqualPathsSucceedWithoutTouchingAnything)
@@ -91,6 +67,21 @@ TEST_F(CopyFileTest, EqualPathsSucceedWithoutTouchingAnything)
     const std::string missing = dir_ + "/missing";
     EXPECT_EQ(copy_file(missing.c_str(), missing.c_str()), 0);
     EXPECT_FALSE(exists(missing));
+}
+
+// Emptying the destination before copying would empty the source when both
+// are one file; something that is not a regular file has nothing to empty.
+TEST_F(CopyFileTest, OnlyAnotherRegularFileIsEmptiedBeforeTheCopy)
+{
+    const std::string content = sample(5000, 'd');
+    spit(src_, content);
+    const std::string hard_link = dir_ + "/hard";
+    ASSERT_EQ(link(src_.c_str(), hard_link.c_str()), 0);
+    for (const std::string &same : {dir_ + "/./src", hard_link}) {
+        EXPECT_EQ(copy_file(src_.c_str(), same.c_str()), 0) << same;
+        EXPECT_TRUE(slurp(src_) == content) << same << ": source has " << slurp(src_).size() << " bytes";
+    }
+    EXPECT_EQ(copy_file(src_.c_str(), "/dev/null"), 0);
 }
 
 TEST_F(CopyFileTest, CopiesContentAndGivesANewFileTheSourceMode)

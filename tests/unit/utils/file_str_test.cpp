@@ -1,6 +1,9 @@
 #include "utils/file_str.h"
 
 #include "support/child_capture.h"
+#include "support/files.h"
+#include "support/lock_wait.h"
+#include "support/temp_dir.h"
 #include "utils/MKLock.h"
 
 #include <gtest/gtest.h>
@@ -11,68 +14,19 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 namespace {
 
-std::string slurp(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void spit(const std::string &path, const std::string &text)
-{
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-bool exists(const std::string &path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
-
-bool waitUntilBlocked(pid_t pid, ino_t ino)
-{
-    const std::string inode = ":" + std::to_string(ino);
-    for (int i = 0; i < 20000; ++i) {
-        std::ifstream locks("/proc/locks");
-        std::string line;
-        while (std::getline(locks, line)) {
-            std::istringstream in(line);
-            std::string id, arrow, kind, advisory, mode, who, file;
-            in >> id >> arrow >> kind >> advisory >> mode >> who >> file;
-            if (arrow == "->" && kind == "FLOCK" && who == std::to_string(pid) &&
-                file.size() > inode.size() &&
-                file.compare(file.size() - inode.size(), inode.size(), inode) == 0)
-                return true;
-        }
-        usleep(500);
-    }
-    return false;
-}
+using testsupport::exists;
+using testsupport::slurp;
+using testsupport::spit;
 
 class FileStrTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        std::string tmpl = ::testing::TempDir() + "file_str-XXXXXX";
-        ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
-        dir_ = tmpl;
-        mk_lock_set_dir_for_testing((dir_ + "/locks").c_str());
-        path_ = dir_ + "/.qmail";
-    }
-    void TearDown() override
-    {
-        mk_lock_set_dir_for_testing(nullptr);
-        std::filesystem::remove_all(dir_);
-    }
+    void SetUp() override { mk_lock_set_dir_for_testing((dir_ + "/locks").c_str()); }
+    void TearDown() override { mk_lock_set_dir_for_testing(nullptr); }
 
     int edit(const std::vector<std::string> &strings, int operation, int position)
     {
@@ -83,7 +37,9 @@ protected:
         return file_strings(path_.c_str(), array.data(), operation, position);
     }
 
-    std::string dir_, path_;
+    const testsupport::TempDir temp_{"file_str"};
+    const std::string dir_ = temp_.path();
+    const std::string path_ = dir_ + "/.qmail";
 };
 
 const std::string kLong(10000, 'x');
@@ -254,7 +210,7 @@ TEST_F(FileStrTest, WaitsForTheFilesLockBeforeEditing)
         ASSERT_EQ(write(go[1], "g", 1), 1);
         struct stat st;
         ASSERT_EQ(stat(lock.path(), &st), 0);
-        EXPECT_TRUE(waitUntilBlocked(pid, st.st_ino)) << "the edit did not wait for the lock";
+        EXPECT_TRUE(testsupport::waitUntilBlocked(pid, st.st_ino)) << "the edit did not wait for the lock";
         EXPECT_EQ(slurp(path_), "a\n") << "edited while the lock was held elsewhere";
     }
     close(go[1]);

@@ -1,6 +1,8 @@
 #include "utils/file_tree.h"
 
 #include "support/child_capture.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
 
@@ -34,11 +36,7 @@ Attrs attrs(const std::string &path)
     return {st.st_uid, st.st_gid, st.st_mode};
 }
 
-bool exists(const std::string &path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
+using testsupport::exists;
 
 int openDescriptors()
 {
@@ -56,11 +54,6 @@ class FileTreeTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        std::string tmpl = ::testing::TempDir() + "file_tree-XXXXXX";
-        ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
-        dir_ = tmpl;
-        outside_ = dir_ + "/outside";
-        tree_ = dir_ + "/home";
         fs::create_directories(outside_ + "/sub");
         std::ofstream(outside_ + "/secret") << "secret";
         std::ofstream(outside_ + "/sub/inner") << "inner";
@@ -84,8 +77,6 @@ protected:
         outsideBefore_[outside_] = attrs(outside_);
     }
 
-    void TearDown() override { fs::remove_all(dir_); }
-
     void expectOutsideUntouched(const char *what)
     {
         for (const auto &[path, before] : outsideBefore_) {
@@ -97,7 +88,10 @@ protected:
         }
     }
 
-    std::string dir_, outside_, tree_;
+    const testsupport::TempDir temp_{"file_tree"};
+    const std::string dir_ = temp_.path();
+    const std::string outside_ = dir_ + "/outside";
+    const std::string tree_ = dir_ + "/home";
     std::map<std::string, Attrs> outsideBefore_;
 };
 

@@ -178,6 +178,10 @@ TEST(IdnUrlToAscii, ConvertsTheHostOnly)
         {"https_scheme_lost", "https://b\xc3\xbc" "cher.example", "https://xn--bcher-kva.example"},
         {"ftp_scheme_lost", "ftp://b\xc3\xbc" "cher.example/x", "ftp://xn--bcher-kva.example/x"},
         {"bare_host_rejected", "b\xc3\xbc" "cher.example", "xn--bcher-kva.example"},
+        {"at_sign_in_path_taken_for_user", "http://b\xc3\xbc" "cher.example/~u@x",
+         "http://xn--bcher-kva.example/~u@x"},
+        {"at_sign_in_query_taken_for_user", "b\xc3\xbc" "cher.example?to=u@x",
+         "xn--bcher-kva.example?to=u@x"},
         {"size_check_off_by_one", longest, longest},
     };
     for (const auto &c : cases) {

@@ -1,0 +1,76 @@
+#include "utils/fd_io.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace fd_io {
+
+int open_retry(const char *path, int flags, mode_t mode)
+{
+    return retry_eintr([&] { return open(path, flags | O_CLOEXEC, mode); });
+}
+
+int openat_retry(int dirfd, const char *name, int flags, mode_t mode)
+{
+    return retry_eintr([&] { return openat(dirfd, name, flags | O_CLOEXEC, mode); });
+}
+
+ssize_t read_retry(int fd, void *buf, size_t size)
+{
+    return retry_eintr([&] { return read(fd, buf, size); });
+}
+
+ssize_t write_all(int fd, const void *buf, size_t n)
+{
+    const char *p = static_cast<const char *>(buf);
+    size_t done = 0;
+    while (done < n) {
+        const ssize_t put = retry_eintr([&] { return write(fd, p + done, n - done); });
+        if (put < 0)
+            return -1;
+        if (put == 0)
+            break;
+        done += static_cast<size_t>(put);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+int fsync_retry(int fd)
+{
+    return retry_eintr([&] { return fsync(fd); });
+}
+
+int close_fd(int fd)
+{
+    if (fd < 0)
+        return 0;
+    return close(fd) != 0 && errno != EINTR ? -1 : 0;
+}
+
+void close_quietly(int fd)
+{
+    const int saved = errno;
+    close(fd);
+    errno = saved;
+}
+
+std::string parent_directory(const std::string &path)
+{
+    const std::string::size_type slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+void sync_parent_directory(const std::string &path)
+{
+    const int saved = errno;
+    const int fd = open_retry(parent_directory(path).c_str(), O_RDONLY | O_DIRECTORY);
+    if (fd >= 0) {
+        fsync_retry(fd);
+        close(fd);
+    }
+    errno = saved;
+}
+
+} // namespace fd_io
