@@ -108,8 +108,8 @@ int printFeatures(int, char **)
 {
     for (const Feature &f : features)
         print_feature(f.name, f.value);
-    std::fflush(stdout);
-    return 0;
+    // A report the panel did not receive must not look like success.
+    return std::fflush(stdout) == 0 && !std::ferror(stdout) ? 0 : 1;
 }
 
 namespace {
@@ -122,7 +122,7 @@ int printSizeParameter(const char *name)
 {
     const std::string value = MainCfManager::getInstance().getStringValue(name, false);
     std::cout << boost::lexical_cast<int64_t>(value) << std::endl;
-    return 0;
+    return std::cout ? 0 : 1;
 }
 
 // The black-list commands share one option set and differ in the change.

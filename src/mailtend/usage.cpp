@@ -2,9 +2,11 @@
 
 #include "mailtend/command_table.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <string>
 
 namespace zarnet {
 namespace mail {
@@ -13,10 +15,11 @@ namespace mailtend_commands {
 
 namespace {
 
+// Help that did not reach its reader is a failure too.
 [[noreturn]] void finish(int status, std::ostream &os)
 {
     os.flush();
-    std::exit(status);
+    std::exit(os ? status : 1);
 }
 
 } // namespace

@@ -6,7 +6,8 @@
 // before any removal, one compiler run per table and kind. Incremental mode
 // merges additions into a table; non-incremental mode makes them its whole
 // content. Destroying a batch discards what was not committed. Failures are
-// those of DatabaseHelper; a failed commit keeps the caches.
+// those of DatabaseHelper: a commit stops at the first one, and what it had
+// not yet written stays cached for another commit.
 #ifndef MAILTEND_MAIL_POSTFIX_BATCHDATABASEHELPER_H
 #define MAILTEND_MAIL_POSTFIX_BATCHDATABASEHELPER_H
 

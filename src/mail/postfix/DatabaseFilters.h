@@ -155,6 +155,9 @@ public:
     ReplaceElementFilterRef(const std::string &from, const std::string &to) : from_(from), to_(to)
     {
     }
+    // The texts are held by reference: temporaries would dangle.
+    ReplaceElementFilterRef(std::string &&, const std::string &) = delete;
+    ReplaceElementFilterRef(const std::string &, std::string &&) = delete;
     bool operator()(std::string &element) const;
 
 private:
@@ -181,6 +184,8 @@ public:
         : from_(from), to_(to), subdomains_(subdomains)
     {
     }
+    ReplaceDomainPart(std::string &&, const std::string &, bool) = delete;
+    ReplaceDomainPart(const std::string &, std::string &&, bool) = delete;
     bool operator()(std::string &element) const;
 
 private:
@@ -192,6 +197,8 @@ private:
 class ReplaceDomainPath {
 public:
     ReplaceDomainPath(const std::string &from, const std::string &to) : from_(from), to_(to) {}
+    ReplaceDomainPath(std::string &&, const std::string &) = delete;
+    ReplaceDomainPath(const std::string &, std::string &&) = delete;
     bool operator()(std::string &value) const;
 
 private:

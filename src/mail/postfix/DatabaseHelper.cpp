@@ -4,10 +4,17 @@
 #include "mail/postfix/PostfixError.h"
 #include "mail/postfix/postfix_tool.h"
 #include "utils/AutocleanOFStream.h"
+#include "utils/ExSystemError.h"
 #include "utils/MKLock.h"
+#include "utils/fd_io.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <cctype>
+#include <cerrno>
 #include <exception>
 #include <stdexcept>
 
@@ -23,20 +30,108 @@ std::string &compilerOverride()
     return path;
 }
 
-// The text form has no way to carry these; a record that broke it would be
-// split or silently skipped by the compiler.
+bool hasSpace(const std::string &text)
+{
+    for (const char c : text)
+        if (std::isspace(static_cast<unsigned char>(c)))
+            return true;
+    return false;
+}
+
+// The text form cannot carry these. The compiler would split the record at
+// white space, take a leading "#" as a comment and a leading space as the
+// continuation of the line before: the change would be lost or, worse,
+// glued onto another record, while the compiler still exits 0.
 void checkKey(const std::string &key)
 {
-    if (key.empty() || key.find_first_of(" \t\n") != std::string::npos)
+    if (key.empty() || key[0] == '#' || hasSpace(key))
         throw std::invalid_argument("invalid lookup table key '" + key + "'");
 }
 
 void checkRecord(const Record &r)
 {
     checkKey(r.first);
-    if (r.second.empty() || r.second.find('\n') != std::string::npos)
+    if (r.second.empty() || r.second.find_first_of("\n\r") != std::string::npos)
         throw std::invalid_argument("invalid lookup table value '" + r.second + "' for key '" +
                                     r.first + "'");
+}
+
+// Whole-table rebuilds compile a sibling under a private name and rename
+// its indexed file over the table's, so a compiler that dies halfway leaves
+// the live table as it was instead of empty. The daemons notice the replaced
+// file and reopen it.
+class Rebuild {
+public:
+    explicit Rebuild(const std::string &table)
+    {
+        const std::string path = DatabaseHelper::sourcePath(table);
+        const std::string::size_type colon = table.find(':');
+        const std::string type = colon == std::string::npos ? "hash" : table.substr(0, colon);
+        if (type == "hash" || type == "btree")
+            suffix_ = ".db";
+        else if (type == "lmdb")
+            suffix_ = ".lmdb";
+        else if (type == "cdb")
+            suffix_ = ".cdb";
+        else
+            throw std::invalid_argument("cannot rebuild lookup table '" + table + "'");
+        const std::string::size_type slash = path.rfind('/');
+        const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+        const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+        live_ = path + suffix_;
+        source_ = dir + "." + base + ".rebuild";
+        table_ = type + ":" + source_;
+    }
+    ~Rebuild()
+    {
+        if (!committed_) {
+            const int saved = errno;
+            ::unlink((source_ + suffix_).c_str());
+            errno = saved;
+        }
+    }
+    Rebuild(const Rebuild &) = delete;
+    Rebuild &operator=(const Rebuild &) = delete;
+
+    const std::string &source() const { return source_; }
+    const std::string &table() const { return table_; }
+
+    // Gives the new index the live one's owner and mode, makes it durable,
+    // then puts it in place.
+    void commit()
+    {
+        const std::string built = source_ + suffix_;
+        struct stat live;
+        if (::stat(live_.c_str(), &live) == 0) {
+            if (::chown(built.c_str(), live.st_uid, live.st_gid) != 0)
+                throwSystemError("chown " + built, errno);
+            if (::chmod(built.c_str(), live.st_mode & 07777) != 0)
+                throwSystemError("chmod " + built, errno);
+        }
+        const int fd = fd_io::open_retry(built.c_str(), O_RDONLY);
+        if (fd < 0 || fd_io::fsync_retry(fd) != 0) {
+            const int saved = errno;
+            fd_io::close_quietly(fd);
+            throwSystemError("fsync " + built, saved);
+        }
+        fd_io::close_quietly(fd);
+        if (::rename(built.c_str(), live_.c_str()) != 0)
+            throwSystemError("rename " + built + " to " + live_, errno);
+        committed_ = true;
+        fd_io::sync_parent_directory(live_);
+    }
+
+private:
+    std::string suffix_, live_, source_, table_;
+    bool committed_ = false;
+};
+
+// Opens the transient text source; its stream throws on later failures.
+void openSource(AutocleanOFStream &stream)
+{
+    if (!stream)
+        throwSystemError("unable to open " + stream.path(), errno);
+    stream.exceptions(std::ios::badbit | std::ios::failbit);
 }
 
 // Runs the compiler with both of its output streams collected into output.
@@ -122,6 +217,9 @@ void DatabaseHelper::addRecordList(const std::string &table, const RecordList &r
             more = formRecord(buffer, position, records.end());
         return true;
     };
+    // Under the table's lock, so a change cannot slip in between the dump
+    // and the rename of a rebuild and be lost.
+    MKLock lock(sourcePath(table));
     compileOrThrow({"-r", "-i", table}, source);
 }
 
@@ -129,19 +227,21 @@ void DatabaseHelper::replaceRecordList(const std::string &table, const RecordLis
 {
     for (const Record &r : records)
         checkRecord(r);
-    const std::string path = sourcePath(table);
-    MKLock lock(path);
-    AutocleanOFStream source(path);
-    source.exceptions(std::ios::badbit | std::ios::failbit);
+    MKLock lock(sourcePath(table));
+    Rebuild rebuild(table);
+    AutocleanOFStream source(rebuild.source());
+    openSource(source);
     for (const Record &r : records)
         source << r.first << ' ' << r.second << '\n';
     source.close();
-    compileOrThrow({"-r", table});
+    compileOrThrow({"-r", rebuild.table()});
+    rebuild.commit();
 }
 
 void DatabaseHelper::removeRecord(const std::string &table, const std::string &key)
 {
     checkKey(key);
+    MKLock lock(sourcePath(table));
     removeOrThrow({"-d", key, table}, process::InputSource());
 }
 
@@ -162,15 +262,16 @@ void DatabaseHelper::removeKeyList(const std::string &table, const KeyList &keys
         sent = true;
         return true;
     };
+    MKLock lock(sourcePath(table));
     removeOrThrow({"-d", "-", table}, source);
 }
 
 void DatabaseHelper::filterRecords(const std::string &table, const RecordFilter &filter)
 {
-    const std::string path = sourcePath(table);
-    MKLock lock(path);
-    AutocleanOFStream source(path);
-    source.exceptions(std::ios::badbit | std::ios::failbit);
+    MKLock lock(sourcePath(table));
+    Rebuild rebuild(table);
+    AutocleanOFStream source(rebuild.source());
+    openSource(source);
 
     database::DataStreamFilter<const RecordFilter &> lines(filter, source);
     std::string errors;
@@ -194,7 +295,8 @@ void DatabaseHelper::filterRecords(const std::string &table, const RecordFilter 
         throw PostfixConfigurationError(failureText(errors));
     lines.finish();
     source.close();
-    compileOrThrow({table});
+    compileOrThrow({rebuild.table()});
+    rebuild.commit();
 }
 
 bool DatabaseHelper::checkOutput(const std::string &output, bool strict)

@@ -2,15 +2,20 @@
 //
 // No text source is kept between runs: additions and removals are fed to
 // the compiler on its standard input; a whole-table rewrite writes a
-// transient source at the table path under that path's file lock, compiles
-// it and unlinks it. Records are checked before any process starts, so a
-// record that the text form cannot carry never reaches a table.
+// transient source beside the table, compiles it under a private name and
+// renames the new index over the live one, so readers see the old table or
+// the new one and a failed rebuild leaves the old one in place. Every change
+// holds the table's file lock (derived from the table path), so changes by
+// concurrent runs never interleave with a rebuild. Records are checked
+// before any process starts: one the text form cannot carry never reaches a
+// table.
 //
 // Throws: PostfixConfigurationError when an addition, replacement or
 // filtered rewrite fails; PostfixDatabaseError when a removal fails (both
 // carry the compiler's own output, or "unknown error"); std::invalid_argument
-// for a record with a line feed, or a key that is empty or holds a blank or
-// tab; SystemError from the process layer and the file lock.
+// for a key that is empty, begins with "#" or holds white space, or a value
+// that is empty or holds a line break; SystemError from the process layer,
+// the file lock and the rebuild's file steps.
 #ifndef MAILTEND_MAIL_POSTFIX_DATABASEHELPER_H
 #define MAILTEND_MAIL_POSTFIX_DATABASEHELPER_H
 

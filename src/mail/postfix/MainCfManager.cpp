@@ -66,14 +66,18 @@ std::string MainCfManager::getStringValue(const std::string &name, bool defaultV
 
 void MainCfManager::replaceStringValue(const std::string &name, const std::string &value) const
 {
+    MKLock lock(mainCf_);
+    writeValue(name, value);
+}
+
+// Callers hold the main.cf lock. The lock is not reentrant: a second MKLock
+// on the same name in this process would wait for itself.
+void MainCfManager::writeValue(const std::string &name, const std::string &value) const
+{
     std::string output;
     const process::Receiver collect = process::makeStringReceiver(output);
-    int status;
-    {
-        MKLock lock(mainCf_);
-        status = runPostfixTool(configTool, {"-e", name + "=" + value}, process::InputSource(),
-                                collect, collect);
-    }
+    const int status = runPostfixTool(configTool, {"-e", name + "=" + value},
+                                      process::InputSource(), collect, collect);
     if (!exitedZero(status))
         throw PostfixConfigurationError(failureText(output));
 }
@@ -122,24 +126,28 @@ std::string MainCfManager::joinList(const std::vector<std::string> &elements)
     return joined;
 }
 
+// The list edits hold the lock from the read to the write, so two runs
+// editing one list cannot lose each other's change.
 void MainCfManager::appendStringValue(const std::string &name, const std::string &value) const
 {
+    MKLock lock(mainCf_);
     const std::string current = getStringValue(name, false);
     const std::vector<std::string> elements = splitSimpleList(current);
     if (std::find(elements.begin(), elements.end(), value) != elements.end()) {
         // Only the network list is written back when already present.
         if (name == "mynetworks")
-            replaceStringValue(name, current);
+            writeValue(name, current);
         return;
     }
-    replaceStringValue(name, elements.empty() ? value : current + ", " + value);
+    writeValue(name, elements.empty() ? value : current + ", " + value);
 }
 
 void MainCfManager::removeListElement(const std::string &name, const std::string &value) const
 {
+    MKLock lock(mainCf_);
     std::vector<std::string> elements = splitSimpleList(getStringValue(name, false));
     elements.erase(std::remove(elements.begin(), elements.end(), value), elements.end());
-    replaceStringValue(name, joinList(elements));
+    writeValue(name, joinList(elements));
 }
 
 void MainCfManager::appendCompoundStringValue(const std::string &name,
@@ -151,10 +159,11 @@ void MainCfManager::appendCompoundStringValue(const std::string &name,
 void MainCfManager::filterStringValues(const std::string &name,
                                        const CompoundListFilter &filter) const
 {
+    MKLock lock(mainCf_);
     std::vector<std::string> pieces = splitCompoundList(getStringValue(name, false));
     filter(pieces);
     pieces.erase(std::remove(pieces.begin(), pieces.end(), std::string()), pieces.end());
-    replaceStringValue(name, joinList(pieces));
+    writeValue(name, joinList(pieces));
 }
 
 } // namespace postfix

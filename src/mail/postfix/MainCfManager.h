@@ -1,6 +1,7 @@
 // The only way this system reads or changes the mail server's main.cf:
-// every read runs the configuration tool with -h, every write with -e, and
-// writes hold the main.cf file lock. main.cf is never parsed or written here.
+// every read runs the configuration tool with -h, every write with -e.
+// Writes hold the main.cf file lock, list edits from their read to their
+// write. main.cf is never parsed or written here.
 //
 // Lists come in two shapes. Simple lists (networks) split at any run of
 // blanks, tabs and commas. Compound lists (restrictions) split at commas only
@@ -60,6 +61,7 @@ public:
 private:
     MainCfManager();
     MainCfManager(const MainCfManager &) = delete;
+    void writeValue(const std::string &name, const std::string &value) const;
     MainCfManager &operator=(const MainCfManager &) = delete;
 
     std::string mainCf_;

@@ -17,7 +17,7 @@ public:
     static constexpr const char *blackDomainAction = "REJECT";
 
     // domain: ASCII form. Adding a listed domain or removing an unlisted
-    // one succeeds and changes nothing.
+    // one succeeds and changes nothing; both need the table to exist.
     static void addBlackDomain(const std::string &domain);
     static void removeBlackDomain(const std::string &domain);
 };

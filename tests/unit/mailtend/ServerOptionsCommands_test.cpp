@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 using testsupport::runInChild;
 
 TEST(PrintFeature, BooleansBareOtherValuesQuoted)
@@ -34,4 +36,14 @@ TEST(PrintFeatureArray, PairsInOrder)
     });
     EXPECT_EQ(r.out, "$features['auth'] = array('k1'=>'v1','k2'=>'v2',);\n"
                      "$features['none'] = array();\n");
+}
+
+TEST(PrintFeatures, UndeliveredReportIsAFailure)
+{
+    const auto r = runInChild([] {
+        if (std::freopen("/dev/full", "w", stdout) == nullptr)
+            return 9;
+        return zarnet::mail::postfix::mailtend_commands::printFeatures(0, nullptr);
+    });
+    EXPECT_EQ(r.status, 1);
 }

@@ -1,9 +1,38 @@
 #!/usr/bin/python3
 """Stands in front of the table compiler in tests: records each run's
-arguments, then runs the real compiler with them."""
+arguments (and, when asked, whether a lock file was held at that moment),
+may fail on purpose, then runs the real compiler.
+
+MAILTEND_COMPILER_LOG   file the runs are appended to
+MAILTEND_PROBE_LOCK     lock file to probe: " held" or " free" ends the line
+MAILTEND_COMPILER_FAIL  "exit" fails a run with the given first argument
+                        ("ARG:exit"), "kill" compiles and then dies by SIGKILL
+"""
+import fcntl
 import os
+import signal
 import sys
 
+args = sys.argv[1:]
+line = " ".join(args)
+probe = os.environ.get("MAILTEND_PROBE_LOCK")
+if probe:
+    with open(probe, "a") as f:
+        try:
+            fcntl.flock(f, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            line += " free"
+        except BlockingIOError:
+            line += " held"
 with open(os.environ["MAILTEND_COMPILER_LOG"], "a") as log:
-    log.write(" ".join(sys.argv[1:]) + "\n")
-os.execv("/usr/sbin/postmap", ["/usr/sbin/postmap"] + sys.argv[1:])
+    log.write(line + "\n")
+
+when, _, how = os.environ.get("MAILTEND_COMPILER_FAIL", "").rpartition(":")
+if how and (when == "" or when == args[0]):
+    if how == "exit":
+        print("postmap: fatal: injected", file=sys.stderr)
+        sys.exit(1)
+    if os.fork() == 0:
+        os.execv("/usr/sbin/postmap", ["/usr/sbin/postmap"] + args)
+    os.wait()
+    os.kill(os.getpid(), signal.SIGKILL)
+os.execv("/usr/sbin/postmap", ["/usr/sbin/postmap"] + args)

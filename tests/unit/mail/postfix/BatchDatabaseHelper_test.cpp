@@ -1,5 +1,6 @@
 #include "mail/postfix/BatchDatabaseHelper.h"
 
+#include "mail/postfix/PostfixError.h"
 #include "support/postfix_dirs.h"
 
 #include <gtest/gtest.h>
@@ -103,6 +104,21 @@ TEST_F(BatchCompiler, DeferredRecordOrderWithinATable)
     batch.addChange(a, "k", "second");
     batch.commit();
     // The whole list goes to one replacement, in call order: the later value wins.
-    EXPECT_EQ(runs(), (std::vector<std::string>{"-r " + a}));
+    EXPECT_EQ(runs(), (std::vector<std::string>{"-r " + dirs.table(".a_table.rebuild")}));
     EXPECT_EQ(PostfixDirs::dump(a), (Table{{"k", "second"}}));
+}
+
+TEST_F(BatchCompiler, FailedCommitKeepsWhatWasNotWritten)
+{
+    BatchDatabaseHelper batch(true, false);
+    batch.addChange(a, "a1", "v1");
+    batch.removeChanges(b, {"b0"});
+    setenv("MAILTEND_COMPILER_FAIL", "-r:exit", 1);
+    EXPECT_THROW(batch.commit(), PostfixConfigurationError);
+    unsetenv("MAILTEND_COMPILER_FAIL");
+    EXPECT_TRUE(PostfixDirs::dump(a).empty());
+
+    batch.commit(); // the same changes, written now
+    EXPECT_EQ(PostfixDirs::dump(a), (Table{{"a1", "v1"}}));
+    EXPECT_EQ(runs().back(), "-d - " + b);
 }

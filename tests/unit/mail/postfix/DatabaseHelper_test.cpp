@@ -66,7 +66,11 @@ TEST(DatabaseHelper, RecordsTheTextFormCannotCarryAreRefusedBeforeAnyRun)
         {{"key with blank", "v"}},
         {{"key\twith-tab", "v"}},
         {{"", "v"}},
+        {{"#comment", "v"}},
+        {{"\vcontinues", "v"}},
+        {{"k\r", "v"}},
         {{"k", "line\nfeed"}},
+        {{"k", "carriage\rreturn"}},
         {{"k", ""}},
         {{"good", "v"}, {"k\n", "v"}},
     };
@@ -89,9 +93,15 @@ TEST(DatabaseHelper, RecordsTheTextFormCannotCarryAreRefusedBeforeAnyRun)
 #include "mail/postfix/DatabaseFilters.h"
 #include "mail/postfix/PostfixError.h"
 #include "support/postfix_dirs.h"
+#include "utils/ExSystemError.h"
+#include "utils/MKLock.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
 
 using zarnet::mail::postfix::PostfixConfigurationError;
 using zarnet::mail::postfix::PostfixDatabaseError;
@@ -100,13 +110,46 @@ using Table = std::map<std::string, std::string>;
 
 namespace {
 
+// Every run goes through a wrapper that logs it and can probe the table's
+// lock or fail on purpose; the real compiler does the work.
 class DatabaseHelperCompiler : public testing::Test {
 protected:
     PostfixDirs dirs;
     const std::string table = dirs.table("virtual");
+    const std::string log = dirs.root + "/compiler.log";
 
-    void SetUp() override { PostfixDirs::create(table); }
-    bool sourceLeft() const { return access(dirs.source("virtual").c_str(), F_OK) == 0; }
+    void SetUp() override
+    {
+        PostfixDirs::create(table);
+        setenv("MAILTEND_COMPILER_LOG", log.c_str(), 1);
+        DatabaseHelper::setCompilerPathForTesting(MAILTEND_TEST_SUPPORT_DIR "/compiler_logger.py");
+    }
+    void TearDown() override
+    {
+        DatabaseHelper::setCompilerPathForTesting("");
+        for (const char *v : {"MAILTEND_COMPILER_LOG", "MAILTEND_PROBE_LOCK", "MAILTEND_COMPILER_FAIL"})
+            unsetenv(v);
+    }
+    // Anything but the indexed table itself left in the table directory.
+    bool sourceLeft() const
+    {
+        std::vector<std::string> names;
+        DIR *d = opendir(dirs.tables.c_str());
+        while (const dirent *e = readdir(d))
+            if (std::string(e->d_name) != "." && std::string(e->d_name) != ".." &&
+                std::string(e->d_name) != "virtual.db")
+                names.push_back(e->d_name);
+        closedir(d);
+        return !names.empty();
+    }
+    std::vector<std::string> runs() const
+    {
+        std::vector<std::string> lines;
+        std::ifstream in(log);
+        for (std::string line; std::getline(in, line);)
+            lines.push_back(line);
+        return lines;
+    }
 };
 
 } // namespace
@@ -176,12 +219,12 @@ TEST_F(DatabaseHelperCompiler, FilterRewritesEveryRecordAndLeavesNoSource)
 
 TEST_F(DatabaseHelperCompiler, CompilerFailuresCarryItsText)
 {
-    // The table's directory is gone: every run fails with the compiler's own fatal line.
-    const std::string lost = "hash:" + dirs.root + "/no-such-dir/virtual";
     const RecordList one{{"a@x.test", "a@x.test"}};
     const auto expectText = [](const std::exception &e) {
         EXPECT_NE(std::string(e.what()).find("postmap: fatal: "), std::string::npos) << e.what();
     };
+    // The table's directory is gone: the compiler's own fatal line comes back.
+    const std::string lost = "hash:" + dirs.root + "/no-such-dir/virtual";
     try {
         DatabaseHelper::addRecords(lost, one.begin(), one.end());
         ADD_FAILURE() << "add succeeded";
@@ -194,40 +237,107 @@ TEST_F(DatabaseHelperCompiler, CompilerFailuresCarryItsText)
     } catch (const PostfixDatabaseError &e) {
         expectText(e);
     }
-    // The dump of a table that was never built fails; its source is removed.
+    // The dump of a table that was never built fails; nothing is left behind.
     try {
         DatabaseHelper::filterRecords(dirs.table("never-built"), [](std::string &) { return true; });
         ADD_FAILURE() << "filter succeeded";
     } catch (const PostfixConfigurationError &e) {
         expectText(e);
     }
-    EXPECT_NE(access(dirs.source("never-built").c_str(), F_OK), 0);
-    // A text source that cannot be created raises the stream's failure.
-    EXPECT_THROW(DatabaseHelper::replaceRecords(lost, one.begin(), one.end()), std::ios_base::failure);
-    EXPECT_THROW(DatabaseHelper::filterRecords(lost, [](std::string &) { return true; }),
-                 std::ios_base::failure);
+    EXPECT_FALSE(sourceLeft());
+    // A text source that cannot be created says which and why.
+    for (int i = 0; i < 2; ++i) {
+        try {
+            if (i == 0)
+                DatabaseHelper::replaceRecords(lost, one.begin(), one.end());
+            else
+                DatabaseHelper::filterRecords(lost, [](std::string &) { return true; });
+            ADD_FAILURE() << "rewrite " << i << " succeeded";
+        } catch (const zarnet::SystemError &e) {
+            EXPECT_EQ(e.code(), ENOENT);
+            EXPECT_NE(std::string(e.what()).find("no-such-dir/.virtual.rebuild"), std::string::npos);
+        }
+    }
 }
 
-TEST_F(DatabaseHelperCompiler, FailedFilterLeavesTableAndNoSource)
+TEST_F(DatabaseHelperCompiler, FailedOrKilledRebuildLeavesTheLiveTable)
 {
     DatabaseHelper::addRecord(table, "keep@x.test", "keep@x.test");
-    // A wrapper that fails the rebuild after the dump succeeded.
-    const std::string wrapper = dirs.root + "/fail-rebuild";
-    {
-        std::ofstream w(wrapper);
-        w << "#!/usr/bin/python3\nimport os, sys\n"
-             "if sys.argv[1] != '-s':\n    print('postmap: fatal: injected', file=sys.stderr); sys.exit(1)\n"
-             "os.execv('/usr/sbin/postmap', ['/usr/sbin/postmap'] + sys.argv[1:])\n";
+    const RecordList other{{"other@x.test", "other@x.test"}};
+    const auto drop = [](std::string &) { return false; };
+    const struct {
+        const char *name;
+        const char *fail;
+        std::function<void()> rewrite;
+        const char *text;
+    } cases[] = {
+        {"filter_compile_fails", "hash:exit", [&] { DatabaseHelper::filterRecords(table, drop); },
+         "postmap: fatal: injected\n"},
+        {"filter_compile_killed_after_writing", "hash:kill",
+         [&] { DatabaseHelper::filterRecords(table, drop); }, "unknown error"},
+        {"replace_compile_fails", "-r:exit",
+         [&] { DatabaseHelper::replaceRecords(table, other.begin(), other.end()); },
+         "postmap: fatal: injected\n"},
+        {"replace_compile_killed_after_writing", "-r:kill",
+         [&] { DatabaseHelper::replaceRecords(table, other.begin(), other.end()); }, "unknown error"},
+    };
+    for (const auto &c : cases) {
+        // "hash:" stands for the run whose first argument is the table.
+        std::string fail = c.fail;
+        if (fail.rfind("hash:", 0) == 0)
+            fail = dirs.table(".virtual.rebuild") + fail.substr(4);
+        setenv("MAILTEND_COMPILER_FAIL", fail.c_str(), 1);
+        try {
+            c.rewrite();
+            ADD_FAILURE() << c.name << ": rewrite succeeded";
+        } catch (const PostfixConfigurationError &e) {
+            EXPECT_STREQ(e.what(), c.text) << c.name;
+        }
+        unsetenv("MAILTEND_COMPILER_FAIL");
+        EXPECT_EQ(PostfixDirs::dump(table), (Table{{"keep@x.test", "keep@x.test"}})) << c.name;
+        EXPECT_FALSE(sourceLeft()) << c.name;
     }
-    chmod(wrapper.c_str(), 0755);
-    DatabaseHelper::setCompilerPathForTesting(wrapper);
-    try {
-        DatabaseHelper::filterRecords(table, [](std::string &) { return false; });
-        ADD_FAILURE() << "filter succeeded";
-    } catch (const PostfixConfigurationError &e) {
-        EXPECT_STREQ(e.what(), "postmap: fatal: injected\n");
-    }
-    DatabaseHelper::setCompilerPathForTesting("");
+}
+
+TEST_F(DatabaseHelperCompiler, EveryChangeHoldsTheTableLock)
+{
+    char *lockFile = mk_flock_path(dirs.source("virtual").c_str());
+    setenv("MAILTEND_PROBE_LOCK", lockFile, 1);
+    const RecordList one{{"a@x.test", "a@x.test"}};
+    DatabaseHelper::addRecords(table, one.begin(), one.end());
+    DatabaseHelper::removeRecord(table, "a@x.test");
+    const std::vector<std::string> keys{"b@x.test"};
+    DatabaseHelper::removeRecords(table, keys.begin(), keys.end());
+    DatabaseHelper::replaceRecords(table, one.begin(), one.end());
+    bool heldInFilter = false;
+    DatabaseHelper::filterRecords(table, [&](std::string &) {
+        lock_struct_t *probe = mk_nonblock_lock(lockFile, 0);
+        heldInFilter = is_already_locked(probe);
+        rm_lock(probe);
+        return true;
+    });
+    std::free(lockFile);
+    EXPECT_TRUE(heldInFilter);
+    const std::vector<std::string> got = runs();
+    ASSERT_EQ(got.size(), 6u);
+    for (const std::string &run : got)
+        EXPECT_EQ(run.substr(run.size() - 5), " held") << run;
+}
+
+TEST_F(DatabaseHelperCompiler, RemovalEndedBySignalFails)
+{
+    DatabaseHelper::addRecord(table, "a@x.test", "a@x.test");
+    setenv("MAILTEND_COMPILER_FAIL", "-d:kill", 1);
+    EXPECT_THROW(DatabaseHelper::removeRecord(table, "absent@x.test"), PostfixDatabaseError);
+}
+
+TEST_F(DatabaseHelperCompiler, ThrowingFilterLeavesTableAndNoSource)
+{
+    DatabaseHelper::addRecord(table, "keep@x.test", "keep@x.test");
+    EXPECT_THROW(DatabaseHelper::filterRecords(table, [](std::string &) -> bool {
+                     throw std::runtime_error("filter broke");
+                 }),
+                 std::runtime_error);
     EXPECT_EQ(PostfixDirs::dump(table), (Table{{"keep@x.test", "keep@x.test"}}));
     EXPECT_FALSE(sourceLeft());
 }
