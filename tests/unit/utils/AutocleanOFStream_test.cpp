@@ -11,12 +11,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <functional>
 #include <string>
 
 namespace {
 
 using testsupport::exists;
+using zarnet::AutocleanOFStream;
 using testsupport::slurp;
 
 class AutocleanOFStreamTest : public ::testing::Test {
@@ -29,120 +30,92 @@ protected:
     const std::string tmp_ = dir_ + "/virtual.new";
 };
 
-TEST_F(AutocleanOFStreamTest, UncommittedFileDisappearsAndErrnoSurvives)
+TEST_F(AutocleanOFStreamTest, CommitReplacesTheTargetOtherwiseTheFileDisappears)
 {
-    {
-        zarnet::AutocleanOFStream out(tmp_);
-        ASSERT_TRUE(out.good());
-        EXPECT_EQ(out.path(), tmp_);
-        out << "partial";
-        ASSERT_TRUE(exists(tmp_));
-        errno = EXDEV;
+    const struct {
+        const char *fault;
+        std::function<void(AutocleanOFStream &)> commit;
+        std::string want;
+        bool owned; // by 1234:5678 with mode 0640
+    } cases[] = {
+        {"uncommitted file kept or target touched", [](AutocleanOFStream &) {}, "old\n", false},
+        {"unflushed text lost", [&](AutocleanOFStream &out) { out.commit(target_); }, "new", false},
+        {"owner or mode not set", [&](AutocleanOFStream &out) { out.commit(target_, 1234, 5678, 0640); },
+         "new", true},
+    };
+    for (const auto &c : cases) {
+        if (c.owned && geteuid() != 0)
+            continue; // giving the file away needs root
+        {
+            AutocleanOFStream out(tmp_);
+            ASSERT_TRUE(out.good());
+            out << "new";
+            c.commit(out);
+            errno = EXDEV;
+        }
+        EXPECT_EQ(errno, EXDEV) << c.fault << ": destruction changed errno";
+        EXPECT_FALSE(exists(tmp_)) << c.fault;
+        EXPECT_EQ(slurp(target_), c.want) << c.fault;
+        struct stat st;
+        ASSERT_EQ(stat(target_.c_str(), &st), 0);
+        if (c.owned) {
+            EXPECT_TRUE(st.st_uid == 1234u && st.st_gid == 5678u && (st.st_mode & 07777) == 0640u)
+                << c.fault << ": " << st.st_uid << ":" << st.st_gid << " " << std::oct << st.st_mode;
+        }
     }
-    EXPECT_EQ(errno, EXDEV);
-    EXPECT_FALSE(exists(tmp_));
-    EXPECT_EQ(slurp(target_), "old\n");
 }
 
 TEST_F(AutocleanOFStreamTest, UnopenablePathLeavesStreamFailedWithoutThrowing)
 {
-    zarnet::AutocleanOFStream out(dir_ + "/missing/dir/file");
+    AutocleanOFStream out(dir_ + "/missing/dir/file");
     EXPECT_TRUE(out.fail());
-}
-
-TEST_F(AutocleanOFStreamTest, CommitReplacesTargetWithFlushedContent)
-{
-    {
-        zarnet::AutocleanOFStream out(tmp_);
-        out << "new content without final flush";
-        out.commit(target_);
-        EXPECT_FALSE(exists(tmp_));
-    }
-    EXPECT_EQ(slurp(target_), "new content without final flush");
-}
-
-TEST_F(AutocleanOFStreamTest, CommitSetsOwnerAndModeBeforeTheRename)
-{
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs root to give the file away";
-    {
-        zarnet::AutocleanOFStream out(tmp_);
-        out << "x\n";
-        out.commit(target_, 1234, 5678, 0640);
-    }
-    struct stat st;
-    ASSERT_EQ(stat(target_.c_str(), &st), 0);
-    EXPECT_EQ(st.st_uid, 1234u);
-    EXPECT_EQ(st.st_gid, 5678u);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
-}
-
-TEST_F(AutocleanOFStreamTest, FailedCommitThrowsAndLeavesTargetAndNoTemporary)
-{
-    const std::string target_dir = dir_ + "/a-directory";
-    ASSERT_EQ(mkdir(target_dir.c_str(), 0755), 0);
-    ASSERT_EQ(mkdir((target_dir + "/busy").c_str(), 0755), 0);
-    {
-        zarnet::AutocleanOFStream out(tmp_);
-        out << "x\n";
-        // A non-empty directory cannot be replaced by a file.
-        try {
-            out.commit(target_dir);
-            ADD_FAILURE() << "commit over a directory succeeded";
-        } catch (const zarnet::SystemError &e) {
-            EXPECT_EQ(e.code(), EISDIR) << e.what();
-        }
-    }
-    EXPECT_FALSE(exists(tmp_));
-    EXPECT_TRUE(exists(target_dir + "/busy"));
-}
-
-TEST_F(AutocleanOFStreamTest, CommitReportsAnEarlierWriteFailure)
-{
-    zarnet::AutocleanOFStream out(tmp_);
-    out.setstate(std::ios::badbit); // as a failed write leaves it
-    EXPECT_THROW(out.commit(target_), zarnet::SystemError);
-    EXPECT_EQ(slurp(target_), "old\n");
 }
 
 // Callers set exceptions(badbit | failbit); on a full disk the last flush
 // fails again when the stream is closed. Run in a child: a throw out of the
 // destructor would terminate the process.
-TEST_F(AutocleanOFStreamTest, StreamExceptionsChangeNeitherCommitNorDestruction)
+TEST_F(AutocleanOFStreamTest, FailuresThrowSystemErrorAndLeaveTheTargetAndNoFile)
 {
-    const std::string destroyed_path = dir_ + "/full-destroyed";
-    const std::string committed_path = dir_ + "/full-committed";
-    for (const std::string &link : {destroyed_path, committed_path})
-        ASSERT_EQ(symlink("/dev/full", link.c_str()), 0);
-
-    const auto destroyed = testsupport::runInChild([&] {
-        {
-            zarnet::AutocleanOFStream out(destroyed_path);
-            out.exceptions(std::ios::badbit | std::ios::failbit);
+    ASSERT_EQ(mkdir((dir_ + "/busy").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((dir_ + "/busy/keep").c_str(), 0755), 0);
+    const std::string full = dir_ + "/full"; // a link to /dev/full: every flush fails
+    const struct {
+        const char *fault;
+        std::string path, target;
+        bool fail_write, exceptions;
+        int want; // code of the SystemError; 0: no commit, destruction only
+    } cases[] = {
+        {"rename failure not thrown", tmp_, dir_ + "/busy", false, false, EISDIR},
+        {"earlier write failure ignored", tmp_, target_, true, false, EIO},
+        {"stream exception instead of SystemError", full, target_, false, true, ENOSPC},
+        {"destructor throws the stream's exception", full, target_, false, true, 0},
+    };
+    for (const auto &c : cases) {
+        if (c.path == full) {
+            ASSERT_EQ(symlink("/dev/full", full.c_str()), 0);
+        }
+        const auto r = testsupport::runInChild([&] {
+            AutocleanOFStream out(c.path);
+            if (c.exceptions)
+                out.exceptions(std::ios::badbit | std::ios::failbit);
             out << "x";
-        }
-        return 0;
-    });
-    EXPECT_EQ(destroyed.status, 0) << destroyed;
-    EXPECT_FALSE(exists(destroyed_path));
-
-    const auto committed = testsupport::runInChild([&] {
-        zarnet::AutocleanOFStream out(committed_path);
-        out.exceptions(std::ios::badbit | std::ios::failbit);
-        out << "x";
-        try {
-            out.commit(target_);
-        } catch (const zarnet::SystemError &e) {
-            return e.code() == ENOSPC ? 0 : 2;
-        } catch (...) {
-            return 3;
-        }
-        return 1;
-    });
-    EXPECT_EQ(committed.status, 0) << "1: no failure, 2: wrong code, 3: not a SystemError; "
-                                   << committed;
-    EXPECT_FALSE(exists(committed_path));
-    EXPECT_EQ(slurp(target_), "old\n");
+            if (c.fail_write)
+                out.setstate(std::ios::badbit); // as a failed write leaves it
+            try {
+                if (c.want != 0)
+                    out.commit(c.target);
+            } catch (const zarnet::SystemError &e) {
+                return e.code();
+            } catch (...) {
+                return 255;
+            }
+            return c.want == 0 ? 0 : 254;
+        });
+        EXPECT_EQ(r.status, c.want) << c.fault << " (254: no throw, 255: not a SystemError) " << r;
+        EXPECT_FALSE(exists(c.path)) << c.fault;
+        EXPECT_EQ(slurp(target_), "old\n") << c.fault;
+    }
+    EXPECT_TRUE(exists(dir_ + "/busy/keep"));
 }
 
 } // namespace

@@ -1,7 +1,10 @@
 #include "utils/ProcessLaunch.h"
 
+#include "support/background.h"
 #include "support/child_capture.h"
 #include "support/children.h"
+#include "support/temp_dir.h"
+#include "support/thrown.h"
 #include "utils/ExSystemError.h"
 
 #include <gtest/gtest.h>
@@ -10,35 +13,18 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <filesystem>
 #include <memory>
-#include <typeinfo>
 
-using zarnet::SystemError;
-using zarnet::process::FdOwner;
-using zarnet::process::makePipe;
-using zarnet::process::Parameters;
-using zarnet::process::PipeEnds;
-using zarnet::process::PipeProcessFlags;
-using zarnet::process::ProcessLaunch;
-using zarnet::process::writeException;
+using namespace zarnet::process;
+using testsupport::exitText;
+using testsupport::readAll;
+using testsupport::thrown;
 
 namespace {
 
+using P = Parameters<PipeProcessFlags>;
 const char *const kPython = "/usr/bin/python3";
-
-struct Program {
-    std::vector<std::string> argv; // argv[0] is also the path
-    const char *cwd = nullptr;
-    std::optional<std::vector<std::string>> env;
-    bool closeOtherFds = false;
-    bool searchPath = false;
-    bool newSession = false;
-    std::function<void()> hook;
-    int in = ProcessLaunch::FD_DEVNULL;
-    int out = ProcessLaunch::FD_PIPE;
-    int err = ProcessLaunch::FD_INHERIT;
-};
 
 std::vector<char *> cArray(std::vector<std::string> &strings)
 {
@@ -49,219 +35,103 @@ std::vector<char *> cArray(std::vector<std::string> &strings)
     return out;
 }
 
-std::unique_ptr<ProcessLaunch> start(Program program)
+std::unique_ptr<ProcessLaunch> start(P s, int in = ProcessLaunch::FD_DEVNULL,
+                                     int out = ProcessLaunch::FD_PIPE,
+                                     int err = ProcessLaunch::FD_INHERIT)
 {
-    std::vector<char *> argv = cArray(program.argv);
-    std::vector<char *> envp;
-    if (program.env)
-        envp = cArray(*program.env);
-    return std::make_unique<ProcessLaunch>(
-        argv.data(), program.argv[0].c_str(), program.cwd, program.env ? envp.data() : nullptr,
-        program.closeOtherFds, program.searchPath, program.newSession, program.hook, program.in,
-        program.out, program.err);
+    const PipeProcessFlags &f = s.flags;
+    std::vector<char *> argv = cArray(s.argv), envp;
+    if (s.flags.env)
+        envp = cArray(*s.flags.env);
+    return std::make_unique<ProcessLaunch>(argv.data(), s.path.c_str(), f.cwd ? f.cwd->c_str() : nullptr,
+                                           f.env ? envp.data() : nullptr, f.closeOtherFds, f.searchPath,
+                                           f.newSession, f.preExecHook, in, out, err);
 }
 
-std::string readAll(int fd)
+std::string sys(const char *step, int code)
 {
-    std::string text;
-    char buf[4096];
-    for (;;) {
-        const ssize_t n = read(fd, buf, sizeof buf);
-        if (n > 0)
-            text.append(buf, static_cast<size_t>(n));
-        else if (n == 0 || errno != EINTR)
-            return text;
-    }
-}
-
-// Runs the program to its end: its stdout text and raw wait status.
-std::pair<std::string, int> runToEnd(Program program)
-{
-    auto p = start(std::move(program));
-    p->waitExec();
-    std::string out = p->stdoutFd().valid() ? readAll(p->stdoutFd().get()) : "";
-    return {out, p->waitExit()};
-}
-
-// What waitExec threw, in comparable form.
-struct Caught {
-    std::string type;
-    std::string message;
-    int code = 0;
-};
-
-Caught catchWaitExec(ProcessLaunch &p)
-{
-    try {
-        p.waitExec();
-    } catch (const SystemError &e) {
-        return {"SystemError", e.std::runtime_error::what(), e.code()};
-    } catch (const std::runtime_error &e) {
-        return {typeid(e) == typeid(std::runtime_error) ? "std::runtime_error" : typeid(e).name(),
-                e.what()};
-    } catch (const std::exception &e) {
-        return {typeid(e) == typeid(std::exception) ? "std::exception" : typeid(e).name(),
-                e.what()};
-    }
-    return {"nothing", ""};
-}
-
-// A literal with its embedded NULs, without the terminating one.
-template <size_t N>
-std::string bytes(const char (&literal)[N])
-{
-    return std::string(literal, N - 1);
-}
-
-bool alreadyReaped(pid_t pid)
-{
-    int status;
-    return waitpid(pid, &status, WNOHANG) == -1 && errno == ECHILD;
+    return std::string("SystemError: ") + step + " (" + std::to_string(code) + ")";
 }
 
 } // namespace
 
-// ---------------------------------------------------------------- FdOwner
-
 TEST(FdOwner, QuietClosesKeepErrno)
 {
-    // Each case sets errno to E2BIG and then closes quietly.
-    const struct {
-        const char *name;
-        void (*act)(int fd);
-    } cases[] = {
-        {"destructor", [](int fd) { FdOwner owner(fd); errno = E2BIG; }},
-        {"close_nothrow", [](int fd) { FdOwner owner(fd); errno = E2BIG; owner.close_nothrow(); }},
-        {"reset", [](int fd) { FdOwner owner(fd); errno = E2BIG; owner.reset(); }},
-    };
-    for (const auto &c : cases) {
-        // A descriptor closed behind the owner's back makes its close fail with EBADF.
-        const int fd = dup(2);
-        ASSERT_GE(fd, 0);
-        close(fd);
-        c.act(fd);
-        EXPECT_EQ(errno, E2BIG) << c.name << ": got " << errno << ", want E2BIG";
+    // A descriptor closed behind the owners' backs makes their closes fail with EBADF.
+    const int fd = dup(2);
+    ASSERT_EQ(close(fd), 0);
+    {
+        FdOwner byReset(fd), byDestructor(fd);
+        errno = E2BIG;
+        byReset.reset();
+        EXPECT_EQ(errno, E2BIG) << "reset: got " << errno;
     }
+    EXPECT_EQ(errno, E2BIG) << "destructor: got " << errno;
 }
-
-// ---------------------------------------------------------------- Parameters
 
 TEST(ProcessParameters, ArgumentVectors)
 {
-    using P = Parameters<PipeProcessFlags>;
     const std::vector<std::string> kept = {"a", "", "b"};
-    const struct {
-        const char *name;
-        P params;
-        std::vector<std::string> want;
-    } cases[] = {
-        {"empty string ends the list", P("/p", "a", "", "b"), {"/p", "a"}},
-        {"vector keeps empty strings", P("/p", kept), {"/p", "a", "", "b"}},
-    };
-    for (const auto &c : cases) {
-        EXPECT_EQ(c.params.argv, c.want) << c.name;
-        EXPECT_EQ(c.params.path, c.want[0]) << c.name;
-    }
+    EXPECT_EQ(P("/p", "a", "", "b").argv, (std::vector<std::string>{"/p", "a"}))
+        << "an empty string must end the list";
+    EXPECT_EQ(P("/p", kept).argv, (std::vector<std::string>{"/p", "a", "", "b"}))
+        << "the vector form must keep empty strings";
 }
-
-// ---------------------------------------------------------------- ProcessLaunch
 
 TEST(ProcessLaunch, InvalidSelectorRejectedBeforeFork)
 {
+    const int INH = ProcessLaunch::FD_INHERIT, SAME = ProcessLaunch::FD_SAME_AS_STDOUT;
     const struct {
         int in, out, err;
         const char *want;
     } cases[] = {
-        {-1, ProcessLaunch::FD_PIPE, ProcessLaunch::FD_INHERIT, "invalid FD for stdin"},
-        {ProcessLaunch::FD_SAME_AS_STDOUT, ProcessLaunch::FD_PIPE, ProcessLaunch::FD_INHERIT,
-         "invalid FD for stdin"},
-        {ProcessLaunch::FD_INHERIT, -1, ProcessLaunch::FD_INHERIT, "invalid FD for stdout"},
-        {ProcessLaunch::FD_INHERIT, ProcessLaunch::FD_SAME_AS_STDOUT, ProcessLaunch::FD_INHERIT,
-         "invalid FD for stdout"},
-        {ProcessLaunch::FD_INHERIT, ProcessLaunch::FD_PIPE, -1, "invalid FD for stderr"},
-        {ProcessLaunch::FD_INHERIT, ProcessLaunch::FD_PIPE, -6, "invalid FD for stderr"},
+        {-1, INH, INH, "invalid FD for stdin"},  {SAME, INH, INH, "invalid FD for stdin"},
+        {INH, -1, INH, "invalid FD for stdout"}, {INH, SAME, INH, "invalid FD for stdout"},
+        {INH, INH, -1, "invalid FD for stderr"}, {INH, INH, -6, "invalid FD for stderr"},
     };
     const std::string before = testsupport::children();
-    for (const auto &c : cases) {
-        Program s;
-        s.argv = {"/bin/true"};
-        s.in = c.in;
-        s.out = c.out;
-        s.err = c.err;
-        try {
-            start(s);
-            ADD_FAILURE() << c.in << "/" << c.out << "/" << c.err << " accepted, want " << c.want;
-        } catch (const std::invalid_argument &e) {
-            EXPECT_STREQ(e.what(), c.want);
-        }
-    }
+    for (const auto &c : cases)
+        EXPECT_EQ(thrown([&] { start(P("/bin/true"), c.in, c.out, c.err); }),
+                  std::string("invalid_argument: ") + c.want)
+            << c.in << "/" << c.out << "/" << c.err;
     EXPECT_EQ(testsupport::children(), before) << "a child was forked for a rejected selector";
 }
 
-TEST(ProcessLaunch, UnrunnableProgramThrowsFromWaitExecAndIsReaped)
+TEST(ProcessLaunch, ChildFailureComesBackFromWaitExecAsItsOwnKind)
 {
-    const struct {
-        const char *name;
-        std::vector<std::string> argv;
-        bool searchPath;
-        bool withEnv;
-        const char *wantStep;
-        int wantCode;
-    } cases[] = {
-        {"missing path", {"/nonexistent/prog"}, false, false, "execv", ENOENT},
-        {"missing name on PATH", {"no-such-program-here"}, true, false, "execvp", ENOENT},
-        {"missing path with environment", {"/nonexistent/prog"}, false, true, "execve", ENOENT},
-        {"directory", {"/"}, false, false, "execv", EACCES},
+    using Setup = std::function<void(P &)>;
+    const auto hook = [](std::function<void()> h) -> Setup {
+        return [h](P &s) { s.flags.preExecHook = h; };
     };
-    for (const auto &c : cases) {
-        Program s;
-        s.argv = c.argv;
-        s.searchPath = c.searchPath;
-        if (c.withEnv)
-            s.env = std::vector<std::string>{"A=1"};
-        auto p = start(s);
-        const Caught got = catchWaitExec(*p);
-        EXPECT_EQ(got.type, "SystemError") << c.name;
-        EXPECT_EQ(got.message, c.wantStep) << c.name;
-        EXPECT_EQ(got.code, c.wantCode) << c.name << ": got " << got.code;
-        EXPECT_TRUE(alreadyReaped(p->pid())) << c.name << ": the failed child was left a zombie";
-        const int status = p->waitExit();
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 67)
-            << c.name << ": child status " << status << ", want exit 67";
-    }
-}
-
-TEST(ProcessLaunch, HookFailureComesBackAsItsOwnKind)
-{
     const struct {
-        const char *name;
-        std::function<void()> hook;
-        Caught want;
+        const char *fault;
+        Setup setup;
+        std::string want;
         int wantExit;
     } cases[] = {
-        {"runtime_error keeps its message", [] { throw std::runtime_error("hook refused"); },
-         {"std::runtime_error", "hook refused"}, 66},
-        {"SystemError keeps its errno", [] { throw SystemError("hook step", EACCES); },
-         {"SystemError", "hook step", EACCES}, 67},
-        {"other std::exception becomes std::exception",
-         [] { throw std::logic_error("lost detail"); }, {"std::exception", "std::exception"}, 66},
-        {"non-exception becomes unknown error", [] { throw 42; },
-         {"std::runtime_error", "unknown error"}, 65},
-        {"empty message is named", [] { throw std::runtime_error(""); },
-         {"std::runtime_error", "an error in child process"}, 66},
+        {"missing program not reported", [](P &s) { s = P("/nonexistent"); }, sys("execv", ENOENT), 67},
+        {"PATH search failure lost", [](P &s) { s = P("no-such-program"); s.flags.searchPath = true; },
+         sys("execvp", ENOENT), 67},
+        {"exec with environment misnamed", [](P &s) { s = P("/none"); s.flags.env = {{"A=1"}}; },
+         sys("execve", ENOENT), 67},
+        {"errno of exec lost", [](P &s) { s = P("/"); }, sys("execv", EACCES), 67},
+        {"chdir failure ignored", [](P &s) { s.flags.cwd = "/none"; }, sys("cwd chdir", ENOENT), 67},
+        {"hook message lost", hook([] { throw std::runtime_error("no"); }), "runtime_error: no", 66},
+        {"hook errno lost", hook([] { throw zarnet::SystemError("h", EACCES); }), sys("h", EACCES), 67},
+        {"other exception mistyped", hook([] { throw std::logic_error("x"); }), "exception: std::exception",
+         66},
+        {"non-exception mishandled", hook([] { throw 42; }), "runtime_error: unknown error", 65},
+        {"empty message not named", hook([] { throw std::runtime_error(""); }),
+         "runtime_error: an error in child process", 66},
     };
     for (const auto &c : cases) {
-        Program s;
-        s.argv = {"/bin/true"};
-        s.hook = c.hook;
+        P s("/bin/true");
+        c.setup(s);
         auto p = start(s);
-        const Caught got = catchWaitExec(*p);
-        EXPECT_EQ(got.type, c.want.type) << c.name;
-        EXPECT_EQ(got.message, c.want.message) << c.name;
-        EXPECT_EQ(got.code, c.want.code) << c.name;
-        const int status = p->waitExit();
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == c.wantExit)
-            << c.name << ": child status " << status << ", want exit " << c.wantExit;
+        EXPECT_EQ(thrown([&] { p->waitExec(); }), c.want) << c.fault;
+        int status;
+        EXPECT_EQ(waitpid(p->pid(), &status, WNOHANG), -1) << c.fault << ": left a zombie";
+        EXPECT_EQ(exitText(p->waitExit()), "exit " + std::to_string(c.wantExit)) << c.fault;
     }
 }
 
@@ -269,12 +139,10 @@ TEST(ProcessLaunch, UnknownControlRecordsAreShownAsChildOutput)
 {
     const std::string longRecord(1500, 'x'); // spans two 1024-byte reads
     const auto r = testsupport::runInChild([&] {
-        Program s;
-        s.argv = {"/bin/true"};
-        s.out = ProcessLaunch::FD_INHERIT;
+        P s("/bin/true");
         // With other descriptors closed, the control pipe is the only one above 2.
-        s.closeOtherFds = true;
-        s.hook = [&] {
+        s.flags.closeOtherFds = true;
+        s.flags.preExecHook = [&] {
             int fd = 3;
             while (fd < 65536 && fcntl(fd, F_GETFD) < 0)
                 ++fd;
@@ -282,18 +150,16 @@ TEST(ProcessLaunch, UnknownControlRecordsAreShownAsChildOutput)
             if (write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
                 _exit(90);
         };
-        try {
-            auto p = start(s);
+        int status = -1;
+        const std::string got = thrown([&] {
+            auto p = start(s, ProcessLaunch::FD_DEVNULL, ProcessLaunch::FD_INHERIT);
             p->waitExec();
-            return p->waitExit() == 0 ? 0 : 2;
-        } catch (...) {
-            return 3;
-        }
+            status = p->waitExit();
+        });
+        return got == "nothing" && status == 0 ? 0 : 1;
     });
     EXPECT_EQ(r.status, 0) << "unknown records must not turn into an error: " << r;
-    EXPECT_EQ(r.err, "child output: hello\nchild output: " + longRecord +
-                         "\nchild output: tail\n")
-        << r;
+    EXPECT_EQ(r.err, "child output: hello\nchild output: " + longRecord + "\nchild output: tail\n");
 }
 
 TEST(ProcessLaunch, PipeDescriptorAndSameAsStdoutSelectors)
@@ -302,160 +168,97 @@ TEST(ProcessLaunch, PipeDescriptorAndSameAsStdoutSelectors)
     // dup2 keeps the child from holding a second copy of it.
     int sink[2];
     ASSERT_EQ(pipe(sink), 0);
-    Program s;
-    s.argv = {kPython, "-c",
-              "import os, sys\n"
-              "os.write(1, sys.stdin.buffer.read()); os.write(2, b'+err')\n"
-              "try:\n    os.fstat(" + std::to_string(sink[1]) + "); os.write(1, b'+leaked')\n"
-              "except OSError:\n    pass\n"};
-    s.in = ProcessLaunch::FD_PIPE;
-    s.out = sink[1];
-    s.err = ProcessLaunch::FD_SAME_AS_STDOUT;
-    auto p = start(s);
+    const std::string script = "import os, sys\n"
+                               "os.write(1, sys.stdin.buffer.read()); os.write(2, b'+err')\n"
+                               "try:\n    os.fstat(" + std::to_string(sink[1]) + ")\n"
+                               "    os.write(1, b'+leaked')\n"
+                               "except OSError:\n    pass\n";
+    auto p = start(P(kPython, "-c", script), ProcessLaunch::FD_PIPE, sink[1],
+                   ProcessLaunch::FD_SAME_AS_STDOUT);
     p->waitExec();
     EXPECT_EQ(close(sink[1]), 0) << "the caller's descriptor was closed by the launch";
     ASSERT_EQ(write(p->stdinFd().get(), "piped", 5), 5);
     p->stdinFd().close();
     EXPECT_EQ(readAll(sink[0]), "piped+err");
     close(sink[0]);
-    EXPECT_EQ(p->waitExit(), 0);
+    EXPECT_EQ(exitText(p->waitExit()), "exit 0");
 }
 
 TEST(ProcessLaunch, LowDescriptorsAreRewiredSafely)
 {
-    // Each body runs in its own process, so it may rearrange descriptors 0-2;
-    // it returns 0 when the launched program's output or error got through.
+    // Each case runs in its own process, so it may rearrange descriptors
+    // 0-2: the launched program's stdout is a pipe end moved to a low number.
     const struct {
-        const char *name;
-        int (*body)();
+        const char *fault;
+        int target, flags;
     } cases[] = {
-        {"stdout on fd 0 while stdin becomes /dev/null",
-         [] {
-             // Wiring stdin first must not clobber the descriptor stdout needs.
-             int fds[2];
-             if (pipe(fds) != 0 || dup2(fds[1], 0) < 0)
-                 return 10;
-             close(fds[1]);
-             Program s;
-             s.argv = {kPython, "-c", "import os; os.write(1, b'reached')"};
-             s.in = ProcessLaunch::FD_DEVNULL;
-             s.out = 0;
-             auto p = start(s);
-             p->waitExec();
-             close(0);
-             const std::string got = readAll(fds[0]);
-             p->waitExit();
-             return got == "reached" ? 0 : 11;
-         }},
-        {"own number with close-on-exec stays open",
-         [] {
-             // fd 1 already is stdout: no dup2 happens, so the flag must be cleared.
-             int fds[2];
-             if (pipe2(fds, O_CLOEXEC) != 0 || dup3(fds[1], 1, O_CLOEXEC) < 0)
-                 return 10;
-             close(fds[1]);
-             Program s;
-             s.argv = {kPython, "-c", "import os; os.write(1, b'kept')"};
-             s.out = 1;
-             auto p = start(s);
-             p->waitExec();
-             close(1);
-             const std::string got = readAll(fds[0]);
-             p->waitExit();
-             return got == "kept" ? 0 : 11;
-         }},
-        {"control pipe on fds 0 and 1",
-         [] {
-             // The report channel must survive the dup2 onto fd 1, or an exec
-             // failure would look like success.
-             int fds[2];
-             if (pipe(fds) != 0)
-                 return 10;
-             close(0);
-             close(1);
-             Program s;
-             s.argv = {"/nonexistent/prog"};
-             s.out = fds[1];
-             auto p = start(s);
-             const Caught got = catchWaitExec(*p);
-             return got.message == "execv" && got.code == ENOENT ? 0 : 11;
-         }},
+        {"wiring stdin clobbers stdout's source on fd 0", 0, 0},
+        {"own number keeps close-on-exec (no dup2 clears it)", 1, O_CLOEXEC},
     };
     for (const auto &c : cases) {
         const auto r = testsupport::runInChild([&] {
-            try {
-                return c.body();
-            } catch (...) {
-                return 12;
-            }
+            int fds[2];
+            if (pipe(fds) != 0 || dup3(fds[1], c.target, c.flags) < 0)
+                return 10;
+            close(fds[1]);
+            std::string got;
+            const std::string error = thrown([&] {
+                auto p = start(P(kPython, "-c", "import os; os.write(1, b'reached')"),
+                               ProcessLaunch::FD_DEVNULL, c.target);
+                p->waitExec();
+                close(c.target);
+                got = readAll(fds[0]) + " " + exitText(p->waitExit());
+            });
+            return got == "reached exit 0" && error == "nothing" ? 0 : 11;
         });
-        EXPECT_EQ(r.status, 0) << c.name << ": " << r;
+        EXPECT_EQ(r.status, 0) << c.fault << ": " << r;
     }
+    // The report channel must survive the dup2 onto fd 1, or an exec failure
+    // would look like success.
+    const auto r = testsupport::runInChild([&] {
+        int fds[2];
+        if (pipe(fds) != 0)
+            return 10;
+        close(0);
+        close(1);
+        const auto launch = [&] { start(P("/none"), ProcessLaunch::FD_DEVNULL, fds[1])->waitExec(); };
+        return thrown(launch) == sys("execv", ENOENT) ? 0 : 11;
+    });
+    EXPECT_EQ(r.status, 0) << "control pipe on fds 0 and 1: " << r;
 }
 
-TEST(ProcessLaunch, DirectoryAndSession)
+TEST(ProcessLaunch, ChildGetsTheRequestedSetup)
 {
-    char tmpl[] = "/tmp/proclaunch.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    char *real = realpath(tmpl, nullptr);
-    const std::string dir = real;
-    free(real);
-
-    Program cwd;
-    cwd.argv = {"/bin/pwd"};
-    cwd.cwd = dir.c_str();
-    EXPECT_EQ(runToEnd(cwd).first, dir + "\n");
-
-    const std::string gone = dir + "/gone";
-    cwd.cwd = gone.c_str();
-    const Caught got = catchWaitExec(*start(cwd));
-    EXPECT_EQ(got.message, "cwd chdir");
-    EXPECT_EQ(got.code, ENOENT);
-    rmdir(dir.c_str());
-
-    Program session;
-    session.argv = {kPython, "-c", "import os; print(os.getsid(0) == os.getpid())"};
-    session.newSession = true;
-    EXPECT_EQ(runToEnd(session).first, "True\n");
-}
-
-TEST(ProcessLaunch, CloseOtherFdsClosesInheritedDescriptor)
-{
+    const testsupport::TempDir temp("proclaunch");
+    const std::string dir = std::filesystem::canonical(temp.path());
     // Opened without close-on-exec, as code outside this layer might.
     const int devnull = open("/dev/null", O_RDONLY);
-    ASSERT_GE(devnull, 0);
-    const int fd = fcntl(devnull, F_DUPFD, 100);
+    const FdOwner stray(fcntl(devnull, F_DUPFD, 100));
     close(devnull);
-    ASSERT_GE(fd, 100);
-    const std::string probe = "import os; os.fstat(" + std::to_string(fd) + ")";
-
-    for (const bool closeOthers : {false, true}) {
-        Program s;
-        s.argv = {kPython, "-c", probe};
-        s.closeOtherFds = closeOthers;
-        s.err = ProcessLaunch::FD_DEVNULL;
-        const int status = runToEnd(s).second;
-        // Without the flag the probe must see it, or the check proves nothing.
-        EXPECT_EQ(status == 0, !closeOthers)
-            << "closeOtherFds=" << closeOthers << ": probe status " << status;
+    ASSERT_GE(stray.get(), 100);
+    const P probe(kPython, "-c", "import os\ntry:\n    os.fstat(" + std::to_string(stray.get()) +
+                                     "); print('open')\nexcept OSError:\n    print('closed')\n");
+    const struct {
+        const char *fault;
+        P program;
+        std::function<void(PipeProcessFlags &)> setup;
+        std::string want;
+    } cases[] = {
+        {"cwd ignored", P("/bin/pwd"), [&](PipeProcessFlags &f) { f.cwd = dir; }, dir + "\n"},
+        {"environment not exactly the given one", P("/usr/bin/env"),
+         [](PipeProcessFlags &f) { f.env = {{"A=1", "B=two words"}}; }, "A=1\nB=two words\n"},
+        {"no new session", P(kPython, "-c", "import os; print(os.getsid(0) == os.getpid())"),
+         [](PipeProcessFlags &f) { f.newSession = true; }, "True\n"},
+        {"inherited descriptor not closed", probe, [](PipeProcessFlags &f) { f.closeOtherFds = true; },
+         "closed\n"},
+        {"probe blind to the descriptor", probe, [](PipeProcessFlags &) {}, "open\n"},
+    };
+    for (const auto &c : cases) {
+        P s = c.program;
+        c.setup(s.flags);
+        auto p = start(s);
+        p->waitExec();
+        EXPECT_EQ(readAll(p->stdoutFd().get()), c.want) << c.fault;
+        EXPECT_EQ(exitText(p->waitExit()), "exit 0") << c.fault;
     }
-    close(fd);
-}
-
-TEST(ProcessLaunch, EnvironmentIsExactlyTheGivenOne)
-{
-    Program s;
-    s.argv = {"/usr/bin/env"};
-    s.env = std::vector<std::string>{"A=1", "B=two words"};
-    EXPECT_EQ(runToEnd(s).first, "A=1\nB=two words\n");
-}
-
-TEST(ProcessLaunch, ControlRecordWireFormat)
-{
-    PipeEnds p = makePipe("pipe");
-    errno = E2BIG;
-    writeException(p.write.get(), "SystemError", "execv", true, -12);
-    EXPECT_EQ(errno, E2BIG);
-    p.write.close();
-    EXPECT_EQ(readAll(p.read.get()), bytes("ET: SystemError\0EM: execv\0EC: -12\0"));
 }

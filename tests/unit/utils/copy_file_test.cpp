@@ -1,5 +1,7 @@
 #include "utils/copy_file.h"
 
+#include "support/background.h"
+#include "support/bytes.h"
 #include "support/child_capture.h"
 #include "support/files.h"
 #include "support/temp_dir.h"
@@ -7,16 +9,13 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -24,17 +23,10 @@
 namespace {
 
 using testsupport::exists;
+using testsupport::pattern;
+using testsupport::sameBytes;
 using testsupport::slurp;
 using testsupport::spit;
-
-// A size that is not a multiple of the copy block, with varied bytes.
-std::string sample(size_t size, char salt)
-{
-    std::string s(size, '\0');
-    for (size_t i = 0; i < size; ++i)
-        s[i] = static_cast<char>((i * 31 + static_cast<size_t>(salt)) % 256);
-    return s;
-}
 
 class CopyFileTest : public ::testing::Test {
 protected:
@@ -47,10 +39,7 @@ protected:
         std::string stray;
         for (const auto &e : std::filesystem::directory_iterator(dir_)) {
             const std::string name = e.path().filename().string();
-            bool is_known = name == "locks";
-            for (const auto &k : known)
-                is_known = is_known || name == k;
-            if (!is_known)
+            if (name != "locks" && std::find(known.begin(), known.end(), name) == known.end())
                 stray += name + " ";
         }
         return stray;
@@ -62,104 +51,65 @@ protected:
     const std::string dst_ = dir_ + "/dst";
 };
 
-TEST_F(CopyFileTest, EqualPathsSucceedWithoutTouchingAnything)
+TEST_F(CopyFileTest, ResultsAndReports)
 {
-    const std::string missing = dir_ + "/missing";
-    EXPECT_EQ(copy_file(missing.c_str(), missing.c_str()), 0);
-    EXPECT_FALSE(exists(missing));
-}
-
-// Emptying the destination before copying would empty the source when both
-// are one file; something that is not a regular file has nothing to empty.
-TEST_F(CopyFileTest, OnlyAnotherRegularFileIsEmptiedBeforeTheCopy)
-{
-    const std::string content = sample(5000, 'd');
+    const std::string content = pattern(5000, 31, 7), missing = dir_ + "/missing", adir = dir_ + "/adir";
     spit(src_, content);
-    const std::string hard_link = dir_ + "/hard";
-    ASSERT_EQ(link(src_.c_str(), hard_link.c_str()), 0);
-    for (const std::string &same : {dir_ + "/./src", hard_link}) {
-        EXPECT_EQ(copy_file(src_.c_str(), same.c_str()), 0) << same;
-        EXPECT_TRUE(slurp(src_) == content) << same << ": source has " << slurp(src_).size() << " bytes";
+    ASSERT_EQ(link(src_.c_str(), (dir_ + "/hard").c_str()), 0);
+    ASSERT_EQ(mkdir(adir.c_str(), 0755), 0);
+    const auto report = [](const std::string &what, int code) {
+        const std::string text = std::strerror(code);
+        return "Unable to " + what + ": " + text + "\nSystem error " + std::to_string(code) + ": " + text +
+               "\n";
+    };
+    // Emptying the destination before copying would empty the source when
+    // both are one file; something that is not a regular file has nothing to empty.
+    const struct {
+        const char *fault;
+        std::string src, dst;
+        int rc;
+        std::string out; // after what the caller printed
+    } cases[] = {
+        {"equal paths locked, opened or created", missing, missing, 0, ""},
+        {"same file by another path emptied", src_, dir_ + "/./src", 0, ""},
+        {"same file by a hard link emptied", src_, dir_ + "/hard", 0, ""},
+        {"device truncated", src_, "/dev/null", 0, ""},
+        {"dash not standard output, or ahead of earlier output", src_, "-", 0, content},
+        {"source open failure unreported", missing, dst_, 1, report("open file " + missing, ENOENT)},
+        {"destination open failure unreported", src_, adir, 1, report("open file " + adir, EISDIR)},
+        {"read failure unreported", adir, dst_, 1, report("read file " + adir, EISDIR)},
+    };
+    for (const auto &c : cases) {
+        const auto r = testsupport::runInChild([&] {
+            std::printf("before:");
+            return copy_file(c.src.c_str(), c.dst.c_str());
+        });
+        EXPECT_EQ(r.status, c.rc) << c.fault << ": " << r.err;
+        EXPECT_EQ(r.out, "before:" + c.out) << c.fault;
+        EXPECT_EQ(sameBytes(slurp(src_), content), "equal") << c.fault;
     }
-    EXPECT_EQ(copy_file(src_.c_str(), "/dev/null"), 0);
-}
-
-TEST_F(CopyFileTest, CopiesContentAndGivesANewFileTheSourceMode)
-{
-    const std::string content = sample(3 * 4096 + 17, 'a');
-    spit(src_, content);
-    ASSERT_EQ(chmod(src_.c_str(), 0640), 0);
-    const mode_t old_umask = umask(022);
-    const int rc = copy_file(src_.c_str(), dst_.c_str());
-    umask(old_umask);
-    EXPECT_EQ(rc, 0);
-    EXPECT_TRUE(slurp(dst_) == content) << "content differs";
-    struct stat st;
-    ASSERT_EQ(stat(dst_.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
-}
-
-TEST_F(CopyFileTest, ExistingDestinationIsTruncated)
-{
-    spit(src_, "short");
-    spit(dst_, std::string(10000, 'z'));
-    EXPECT_EQ(copy_file(src_.c_str(), dst_.c_str()), 0);
-    EXPECT_EQ(slurp(dst_), "short");
-}
-
-TEST_F(CopyFileTest, DashMeansStandardOutput)
-{
-    const std::string content = sample(5000, 'b');
-    spit(src_, content);
-    const auto r = testsupport::runInChild([&] {
-        std::printf("before:");
-        return copy_file(src_.c_str(), "-");
-    });
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(r.out == "before:" + content) << "stdout has " << r.out.size() << " bytes";
+    EXPECT_FALSE(exists(missing));
     EXPECT_FALSE(exists(dir_ + "/-"));
 }
 
-TEST_F(CopyFileTest, FailuresReturnOneWithTheirMessage)
+TEST_F(CopyFileTest, CopiesContentAndOnlyANewFileTakesTheSourceMode)
 {
-    ASSERT_EQ(mkdir((dir_ + "/adir").c_str(), 0755), 0);
-    spit(src_, "x");
-    const std::string missing = dir_ + "/missing";
-    const struct {
-        const char *name;
-        std::string src, dst;
-        std::string want_out;
-    } cases[] = {
-        {"missing_source", missing, dst_,
-         "Unable to open file " + missing +
-             ": No such file or directory\nSystem error 2: No such file or directory\n"},
-        {"unwritable_destination", src_, dir_ + "/adir",
-         "Unable to open file " + dir_ + "/adir: Is a directory\nSystem error 21: Is a directory\n"},
-        {"unreadable_source", dir_ + "/adir", dst_,
-         "Unable to read file " + dir_ + "/adir: Is a directory\nSystem error 21: Is a directory\n"},
-    };
-    for (const auto &c : cases) {
-        const auto r = testsupport::runInChild([&] { return copy_file(c.src.c_str(), c.dst.c_str()); });
-        EXPECT_EQ(r.status, 1) << c.name << " " << r;
-        EXPECT_EQ(r.out, c.want_out) << c.name;
-    }
-}
-
-TEST_F(CopyFileTest, AtomicCopySetsOwnerAndModeAndLeavesNoTemporary)
-{
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs root to give the file away";
-    const std::string content = sample(4096 * 2, 'c');
+    const std::string content = pattern(3 * 4096 + 17, 31, 1);
     spit(src_, content);
-    spit(dst_, "old");
-    copy_file_atomic(src_.c_str(), dst_.c_str(), 1234, 5678, 0440);
-    EXPECT_TRUE(slurp(dst_) == content);
-    struct stat st;
-    ASSERT_EQ(stat(dst_.c_str(), &st), 0);
-    EXPECT_EQ(st.st_uid, 1234u);
-    EXPECT_EQ(st.st_gid, 5678u);
-    EXPECT_EQ(st.st_mode & 07777, 0440u);
-    EXPECT_EQ(strayFiles({"src", "dst"}), "");
+    ASSERT_EQ(chmod(src_.c_str(), 0640), 0);
+    const mode_t old_umask = umask(022);
+    for (const bool existing : {false, true}) {
+        if (existing) {
+            spit(dst_, std::string(20000, 'z')); // longer: must be cut
+            ASSERT_EQ(chmod(dst_.c_str(), 0604), 0);
+        }
+        EXPECT_EQ(copy_file(src_.c_str(), dst_.c_str()), 0) << existing;
+        EXPECT_EQ(sameBytes(slurp(dst_), content), "equal") << "existing " << existing;
+        struct stat st;
+        ASSERT_EQ(stat(dst_.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, existing ? 0604u : 0640u) << "existing " << existing;
+    }
+    umask(old_umask);
 }
 
 TEST_F(CopyFileTest, AtomicCopyFailuresEndTheProcessWithTheirMessage)
@@ -170,27 +120,29 @@ TEST_F(CopyFileTest, AtomicCopyFailuresEndTheProcessWithTheirMessage)
     spit(src_, "x");
     const std::string missing = dir_ + "/missing";
     const struct {
-        const char *name;
+        const char *fault;
         std::string src, dst;
         std::string step, system_error;
     } cases[] = {
-        {"missing_source", missing, dst_, "open", "2: No such file or directory"},
-        {"destination_directory_missing", src_, missing + "/dst", "mkstemp", "2: No such file or directory"},
-        {"source_unreadable", dir_ + "/adir", dst_, "read", "21: Is a directory"},
-        {"destination_is_a_busy_directory", src_, dir_ + "/busy", "rename", "21: Is a directory"},
+        {"open failure unreported", missing, dst_, "open", "2: No such file or directory"},
+        {"temporary file failure unreported", src_, missing + "/dst", "mkstemp",
+         "2: No such file or directory"},
+        {"temporary file left after a read failure", dir_ + "/adir", dst_, "read", "21: Is a directory"},
+        {"temporary file left after a rename failure", src_, dir_ + "/busy", "rename",
+         "21: Is a directory"},
     };
     for (const auto &c : cases) {
         const auto r = testsupport::runInChild([&] {
             copy_file_atomic(c.src.c_str(), c.dst.c_str(), uid_t(-1), gid_t(-1), 0644);
             return 0;
         });
-        EXPECT_EQ(r.status, 1) << c.name << " " << r;
+        EXPECT_EQ(r.status, 1) << c.fault << " " << r;
         const std::string want = "copy_file_atomic(" + c.src + " -> " + c.dst + "): " + c.step +
                                  " failed\nSystem error " + c.system_error + "\n";
-        EXPECT_EQ(r.out, want) << c.name;
-        EXPECT_EQ(r.err, want) << c.name;
-        EXPECT_EQ(strayFiles({"src", "adir", "busy"}), "") << c.name;
-        EXPECT_TRUE(exists(dir_ + "/busy/keep")) << c.name;
+        EXPECT_EQ(r.out, want) << c.fault;
+        EXPECT_EQ(r.err, want) << c.fault;
+        EXPECT_EQ(strayFiles({"src", "adir", "busy"}), "") << c.fault;
+        EXPECT_TRUE(exists(dir_ + "/busy/keep")) << c.fault;
     }
 }
 
@@ -202,37 +154,38 @@ TEST_F(CopyFileTest, AtomicCopyNeverShowsReadersAPartialFile)
     const std::string a_path = dir_ + "/a", b_path = dir_ + "/b";
     spit(a_path, std::string(size, 'a'));
     spit(b_path, std::string(size, 'b'));
-    copy_file_atomic(a_path.c_str(), dst_.c_str(), uid_t(-1), gid_t(-1), 0644);
+    const bool root = geteuid() == 0; // giving the file away needs root
+    const uid_t owner = root ? 1234 : uid_t(-1);
+    const gid_t group = root ? 5678 : gid_t(-1);
+    copy_file_atomic(a_path.c_str(), dst_.c_str(), owner, group, 0440);
+    struct stat st;
+    ASSERT_EQ(stat(dst_.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0440u);
+    if (root) {
+        EXPECT_TRUE(st.st_uid == 1234u && st.st_gid == 5678u) << st.st_uid << ":" << st.st_gid;
+    }
+    EXPECT_EQ(strayFiles({"a", "b", "dst"}), "");
 
     int stop[2], started[2];
     ASSERT_EQ(pipe(stop), 0);
     ASSERT_EQ(pipe(started), 0);
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
+    testsupport::BackgroundChild reader([&] {
         close(stop[1]);
         close(started[0]);
-        std::string buf(size + 1, '\0');
-        bool announced = false;
-        for (;;) {
+        for (bool announced = false;;) {
             const int fd = open(dst_.c_str(), O_RDONLY);
             if (fd < 0)
-                _exit(2); // a moment without any destination
-            size_t got = 0;
-            ssize_t n;
-            while ((n = read(fd, &buf[got], buf.size() - got)) > 0)
-                got += static_cast<size_t>(n);
+                return 2; // a moment without any destination
+            const std::string got = testsupport::readAll(fd);
             close(fd);
-            if (got != size || buf.find_first_not_of(buf[0], 0) < size)
-                _exit(3); // short or mixed
-            if (!announced) {
-                announced = write(started[1], "s", 1) == 1;
-            }
+            if (got.size() != size || got.find_first_not_of(got[0]) != std::string::npos)
+                return 3; // short or mixed
+            announced = announced || write(started[1], "s", 1) == 1;
             struct pollfd p = {stop[0], POLLIN, 0};
             if (poll(&p, 1, 0) == 1)
-                _exit(0);
+                return 0;
         }
-    }
+    });
     close(stop[0]);
     close(started[1]);
     char c;
@@ -245,10 +198,7 @@ TEST_F(CopyFileTest, AtomicCopyNeverShowsReadersAPartialFile)
     const auto old_pipe = signal(SIGPIPE, SIG_IGN);
     (void)!write(stop[1], "x", 1);
     signal(SIGPIPE, old_pipe);
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "2: destination missing, 3: partial or mixed content";
+    EXPECT_EQ(reader.wait(), "exit 0") << "2: destination missing, 3: partial or mixed content";
     close(stop[1]);
     close(started[0]);
 }

@@ -1,5 +1,6 @@
 #include "utils/file_str.h"
 
+#include "support/background.h"
 #include "support/child_capture.h"
 #include "support/files.h"
 #include "support/lock_wait.h"
@@ -9,11 +10,8 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -28,15 +26,6 @@ protected:
     void SetUp() override { mk_lock_set_dir_for_testing((dir_ + "/locks").c_str()); }
     void TearDown() override { mk_lock_set_dir_for_testing(nullptr); }
 
-    int edit(const std::vector<std::string> &strings, int operation, int position)
-    {
-        std::vector<const char *> array;
-        for (const auto &s : strings)
-            array.push_back(s.c_str());
-        array.push_back(nullptr);
-        return file_strings(path_.c_str(), array.data(), operation, position);
-    }
-
     const testsupport::TempDir temp_{"file_str"};
     const std::string dir_ = temp_.path();
     const std::string path_ = dir_ + "/.qmail";
@@ -46,130 +35,107 @@ const std::string kLong(10000, 'x');
 
 TEST_F(FileStrTest, EditsGiveTheExpectedContent)
 {
-    const char *const missing = nullptr;
+    const int ADD = FILE_STR_ADD, RM = FILE_STR_REMOVE, PAT = FILE_STR_REMOVE_PATTERN;
+    const int PRE = FILE_STR_PREPEND, APP = FILE_STR_APPEND;
+    const int BEGIN = FILE_STR_MATCH_BEGIN, END = FILE_STR_MATCH_END, INSIDE = FILE_STR_MATCH_CONTAIN;
+    const std::string longFile = kLong + "\nshort\n";
     const struct {
-        const char *name;
+        const char *fault;
         const char *before; // null: no file
         std::vector<std::string> strings;
         int operation, position;
         std::string want;
     } cases[] = {
-        {"prepend_puts_lines_before_old", "b\nc\n", {"a"}, FILE_STR_ADD, FILE_STR_PREPEND, "a\nb\nc\n"},
-        {"append_puts_lines_after_old", "a\n", {"b", "c\n"}, FILE_STR_ADD, FILE_STR_APPEND, "a\nb\nc\n"},
-        {"append_creates_missing_file", missing, {"a"}, FILE_STR_ADD, FILE_STR_APPEND, "a\n"},
-        {"append_keeps_unterminated_last_line_apart", "a", {"b"}, FILE_STR_ADD, FILE_STR_APPEND,
-         "a\nb\n"},
-        {"prepend_keeps_unterminated_last_line", "b", {"a"}, FILE_STR_ADD, FILE_STR_PREPEND, "a\nb"},
-        {"remove_ignores_line_feed_of_line", "a\nb\nab\n", {"a"}, FILE_STR_REMOVE, 0, "b\nab\n"},
-        {"remove_ignores_line_feed_of_string", "a\nb\n", {"b\n"}, FILE_STR_REMOVE, 0, "a\n"},
-        {"remove_unterminated_last_line", "a\nb", {"b"}, FILE_STR_REMOVE, 0, "a\n"},
-        {"remove_every_given_string", "a\nb\nc\na\n", {"a", "c"}, FILE_STR_REMOVE, 0, "b\n"},
-        {"remove_is_not_a_prefix_match", "abc\n", {"ab"}, FILE_STR_REMOVE, 0, "abc\n"},
-        {"remove_absent_line_keeps_content", "a\n", {"zzz"}, FILE_STR_REMOVE, 0, "a\n"},
-        {"pattern_begin", "|/usr/bin/x\n&a@b\n|/bin/y\n", {"|"}, FILE_STR_REMOVE_PATTERN,
-         FILE_STR_MATCH_BEGIN, "&a@b\n"},
-        {"pattern_begin_is_not_contain", "xab\n", {"ab"}, FILE_STR_REMOVE_PATTERN, FILE_STR_MATCH_BEGIN,
-         "xab\n"},
-        {"pattern_end", "a@example.com\nb@other.org\n", {"@example.com"}, FILE_STR_REMOVE_PATTERN,
-         FILE_STR_MATCH_END, "b@other.org\n"},
-        {"pattern_end_ignores_line_feed_of_string", "a.com\nb.org\n", {".com\n"},
-         FILE_STR_REMOVE_PATTERN, FILE_STR_MATCH_END, "b.org\n"},
-        {"pattern_end_longer_than_line", "om\n", {".com"}, FILE_STR_REMOVE_PATTERN, FILE_STR_MATCH_END,
-         "om\n"},
-        {"pattern_contain", "x foo y\nbar\n", {"foo"}, FILE_STR_REMOVE_PATTERN, FILE_STR_MATCH_CONTAIN,
-         "bar\n"},
+        {"prepend_not_before_old", "b\nc\n", {"a"}, ADD, PRE, "a\nb\nc\n"},
+        {"append_not_after_old_or_line_feed_doubled", "a\n", {"b", "c\n"}, ADD, APP, "a\nb\nc\n"},
+        {"append_does_not_create_missing_file", nullptr, {"a"}, ADD, APP, "a\n"},
+        {"append_glued_to_unterminated_last_line", "a", {"b"}, ADD, APP, "a\nb\n"},
+        {"prepend_alters_unterminated_last_line", "b", {"a"}, ADD, PRE, "a\nb"},
+        {"remove_by_prefix_or_line_feed_of_line", "a\nb\nab\n", {"a"}, RM, 0, "b\nab\n"},
+        {"remove_misses_string_with_line_feed", "a\nb\n", {"b\n"}, RM, 0, "a\n"},
+        {"remove_misses_unterminated_last_line", "a\nb", {"b"}, RM, 0, "a\n"},
+        {"remove_takes_only_first_string_or_line", "a\nb\nc\na\n", {"a", "c"}, RM, 0, "b\n"},
+        {"pattern_begin_not_applied", "|/usr/bin/x\n&a@b\n|/bin/y\n", {"|"}, PAT, BEGIN, "&a@b\n"},
+        {"pattern_begin_matches_inside", "xab\n", {"ab"}, PAT, BEGIN, "xab\n"},
+        {"pattern_end_not_applied", "a@ex.com\nb@ex.org\n", {"@ex.com"}, PAT, END, "b@ex.org\n"},
+        {"pattern_end_keeps_line_feed_of_string", "a.com\nb.org\n", {".com\n"}, PAT, END, "b.org\n"},
+        {"pattern_end_longer_than_line_underflows", "om\n", {".com"}, PAT, END, "om\n"},
+        {"pattern_contain_not_applied", "x foo y\nbar\n", {"foo"}, PAT, INSIDE, "bar\n"},
         // Lines longer than one read block must be compared and copied whole.
-        {"long_line_survives_prepend", nullptr, {"a"}, FILE_STR_ADD, FILE_STR_PREPEND,
-         "a\n" + kLong + "\nshort\n"},
-        {"long_line_not_removed_by_its_first_block", nullptr, {std::string(4095, 'x')}, FILE_STR_REMOVE,
-         0, kLong + "\nshort\n"},
-        {"long_line_removed_whole", nullptr, {kLong}, FILE_STR_REMOVE, 0, "short\n"},
-        {"long_line_removed_whole_by_end", nullptr, {"x"}, FILE_STR_REMOVE_PATTERN, FILE_STR_MATCH_END,
-         "short\n"},
-        {"long_line_kept_by_end_of_first_block", nullptr, {"xy"}, FILE_STR_REMOVE_PATTERN,
-         FILE_STR_MATCH_END, kLong + "\nshort\n"},
+        {"long_line_cut_by_prepend", longFile.c_str(), {"a"}, ADD, PRE, "a\n" + longFile},
+        {"long_line_removed_by_first_block", longFile.c_str(), {std::string(4095, 'x')}, RM, 0, longFile},
+        {"long_line_not_removed_whole", longFile.c_str(), {kLong}, RM, 0, "short\n"},
+        {"long_line_end_pattern_misses", longFile.c_str(), {"x"}, PAT, END, "short\n"},
+        {"long_line_end_taken_from_first_block", longFile.c_str(), {"xy"}, PAT, END, longFile},
     };
     for (const auto &c : cases) {
         unlink(path_.c_str());
-        const bool long_case = std::string(c.name).rfind("long_", 0) == 0;
-        if (long_case)
-            spit(path_, kLong + "\nshort\n");
-        else if (c.before != nullptr)
+        if (c.before != nullptr)
             spit(path_, c.before);
-        EXPECT_EQ(edit(c.strings, c.operation, c.position), 0) << c.name;
-        EXPECT_EQ(slurp(path_), c.want) << c.name;
-        EXPECT_FALSE(exists(path_ + ".tmp")) << c.name;
+        std::vector<const char *> strings;
+        for (const auto &s : c.strings)
+            strings.push_back(s.c_str());
+        strings.push_back(nullptr);
+        EXPECT_EQ(file_strings(path_.c_str(), strings.data(), c.operation, c.position), 0) << c.fault;
+        EXPECT_EQ(slurp(path_), c.want) << c.fault;
+        EXPECT_FALSE(exists(path_ + ".tmp")) << c.fault;
     }
 }
 
-TEST_F(FileStrTest, RewriteKeepsOwnerAndModeAndReplacesTheFile)
+TEST_F(FileStrTest, OwnerAndModeKeptByRewriteAndByAppend)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root to give the file away";
-    const struct {
-        const char *name;
-        std::string string;
-        int operation, position;
-        bool rewrites;
-    } cases[] = {
-        {"prepend", "new", FILE_STR_ADD, FILE_STR_PREPEND, true},
-        {"append", "new", FILE_STR_ADD, FILE_STR_APPEND, false},
-        {"remove_present_line", "a", FILE_STR_REMOVE, 0, true},
-        {"remove_absent_line", "absent", FILE_STR_REMOVE, 0, true},
-        {"remove_by_pattern", "b", FILE_STR_REMOVE_PATTERN, FILE_STR_MATCH_CONTAIN, true},
-    };
-    for (const auto &c : cases) {
-        unlink(path_.c_str());
-        spit(path_, "a\nb\n");
+    // Removals share the rewrite with prepending; appending writes in place.
+    for (const int position : {FILE_STR_PREPEND, FILE_STR_APPEND}) {
+        spit(path_, "a\n");
         ASSERT_EQ(chown(path_.c_str(), 1234, 5678), 0);
         ASSERT_EQ(chmod(path_.c_str(), 0640), 0);
         struct stat before, after;
         ASSERT_EQ(stat(path_.c_str(), &before), 0);
-
-        EXPECT_EQ(file_str(path_.c_str(), c.string.c_str(), c.operation, c.position), 0) << c.name;
-
-        ASSERT_EQ(stat(path_.c_str(), &after), 0) << c.name;
-        EXPECT_EQ(after.st_uid, 1234u) << c.name;
-        EXPECT_EQ(after.st_gid, 5678u) << c.name;
-        EXPECT_EQ(after.st_mode & 07777, 0640u) << c.name;
-        EXPECT_EQ(after.st_ino != before.st_ino, c.rewrites) << c.name << ": replaced by rename";
+        EXPECT_EQ(file_str(path_.c_str(), "new", FILE_STR_ADD, position), 0) << position;
+        ASSERT_EQ(stat(path_.c_str(), &after), 0);
+        EXPECT_EQ(after.st_uid, 1234u) << position;
+        EXPECT_EQ(after.st_gid, 5678u) << position;
+        EXPECT_EQ(after.st_mode & 07777, 0640u) << position;
+        EXPECT_EQ(after.st_ino != before.st_ino, position == FILE_STR_PREPEND)
+            << position << ": the rewrite must replace the file by rename, the append not";
     }
 }
 
 TEST_F(FileStrTest, FailuresReturnOneReportAndLeaveNothingBehind)
 {
-    const std::string plain = dir_ + "/plain";
+    const std::string none = dir_ + "/none", plain = dir_ + "/plain";
+    const std::string unopenable =
+        "Unable to open file " + none + ": No such file or directory\n\nSystem error 2: No such file or directory\n";
     spit(plain, "x");
-    const std::string enoent = "No such file or directory";
     // The messages end in a line feed and the message routine then adds the
     // system error line, hence the empty line between them.
     const struct {
-        const char *name;
+        const char *fault;
         std::string path;
         int operation, position;
         std::string want_out;
     } cases[] = {
-        {"remove_from_missing_file_is_silent", dir_ + "/none", FILE_STR_REMOVE, 0, ""},
-        {"prepend_to_missing_file", dir_ + "/none", FILE_STR_ADD, FILE_STR_PREPEND,
-         "Unable to open file " + dir_ + "/none: " + enoent + "\n\nSystem error 2: " + enoent + "\n"},
-        {"pattern_on_missing_file", dir_ + "/none", FILE_STR_REMOVE_PATTERN, FILE_STR_MATCH_BEGIN,
-         "Unable to open file " + dir_ + "/none: " + enoent + "\n\nSystem error 2: " + enoent + "\n"},
-        {"stat_failure", plain + "/x", FILE_STR_ADD, FILE_STR_APPEND,
-         "file_str: Unable to stat file " + plain +
-             "/x: Not a directory\n\nSystem error 20: Not a directory\n"},
-        {"reading_a_directory", dir_, FILE_STR_REMOVE, 0,
+        {"remove_from_missing_file_reports_or_creates", none, FILE_STR_REMOVE, 0, ""},
+        {"missing_file_not_reported", none, FILE_STR_ADD, FILE_STR_PREPEND, unopenable},
+        {"pattern_on_missing_file_silent", none, FILE_STR_REMOVE_PATTERN, FILE_STR_MATCH_BEGIN, unopenable},
+        {"stat_failure_not_reported", plain + "/x", FILE_STR_ADD, FILE_STR_APPEND, "file_str: Unable to "
+         "stat file " + plain + "/x: Not a directory\n\nSystem error 20: Not a directory\n"},
+        {"read_failure_not_reported", dir_, FILE_STR_REMOVE, 0,
          "Unable to read file " + dir_ + ": Is a directory\nSystem error 21: Is a directory\n"},
+        {"unknown_operation_run", none, 7, 0, "file_str: unknown operation 7 at position 0 on " + none +
+         "\n\nSystem error 22: Invalid argument\n"},
     };
     for (const auto &c : cases) {
         const auto r = testsupport::runInChild(
             [&] { return file_str(c.path.c_str(), "line", c.operation, c.position); });
-        EXPECT_EQ(r.status, 1) << c.name << " " << r;
-        EXPECT_EQ(r.out, c.want_out) << c.name;
-        EXPECT_FALSE(exists(dir_ + "/none")) << c.name << ": created the file";
-        EXPECT_FALSE(exists(c.path + ".tmp")) << c.name << ": left the temporary file";
-        // The lock was given back on the way out.
+        EXPECT_EQ(r.status, 1) << c.fault << " " << r;
+        EXPECT_EQ(r.out, c.want_out) << c.fault;
+        EXPECT_FALSE(exists(none)) << c.fault << ": created the file";
+        EXPECT_FALSE(exists(c.path + ".tmp")) << c.fault << ": left the temporary file";
         lock_struct_t *lock = mk_nonblock_lock(c.path.c_str(), 1);
-        EXPECT_TRUE(is_locked(lock)) << c.name;
+        EXPECT_TRUE(is_locked(lock)) << c.fault << ": the lock was not given back";
         free_lock(lock);
     }
 }
@@ -179,7 +145,8 @@ TEST_F(FileStrTest, LockFailureIsReported)
     spit(dir_ + "/plain", "x");
     mk_lock_set_dir_for_testing((dir_ + "/plain/locks").c_str());
     spit(path_, "a\n");
-    const auto r = testsupport::runInChild([&] { return file_str(path_.c_str(), "b", FILE_STR_ADD, 1); });
+    const auto r = testsupport::runInChild(
+        [&] { return file_str(path_.c_str(), "b", FILE_STR_ADD, FILE_STR_APPEND); });
     EXPECT_EQ(r.status, 1) << r;
     const std::string tail = "Error occurred while locking the file " + path_ +
                              ": Not a directory\n\nSystem error 20: Not a directory\n";
@@ -191,41 +158,30 @@ TEST_F(FileStrTest, LockFailureIsReported)
 TEST_F(FileStrTest, WaitsForTheFilesLockBeforeEditing)
 {
     spit(path_, "a\n");
-    // Forked before the lock is taken: a child that inherited the locked
+    // Started before the lock is taken: a child that inherited the locked
     // descriptor would keep the lock alive and wait for itself.
     int go[2];
     ASSERT_EQ(pipe(go), 0);
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
+    testsupport::BackgroundChild editor([&] {
         char c;
         close(go[1]);
         if (read(go[0], &c, 1) != 1)
-            _exit(9);
-        _exit(file_str(path_.c_str(), "b", FILE_STR_ADD, FILE_STR_PREPEND));
-    }
+            return 9;
+        return file_str(path_.c_str(), "b", FILE_STR_ADD, FILE_STR_PREPEND);
+    });
     close(go[0]);
     {
         zarnet::MKLock lock(path_);
         ASSERT_EQ(write(go[1], "g", 1), 1);
         struct stat st;
         ASSERT_EQ(stat(lock.path(), &st), 0);
-        EXPECT_TRUE(testsupport::waitUntilBlocked(pid, st.st_ino)) << "the edit did not wait for the lock";
+        EXPECT_TRUE(testsupport::waitUntilBlocked(editor.pid(), st.st_ino))
+            << "the edit did not wait for the lock";
         EXPECT_EQ(slurp(path_), "a\n") << "edited while the lock was held elsewhere";
     }
     close(go[1]);
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(editor.wait(), "exit 0");
     EXPECT_EQ(slurp(path_), "b\na\n");
-}
-
-TEST_F(FileStrTest, UnknownOperationIsRefused)
-{
-    spit(path_, "a\n");
-    const auto r = testsupport::runInChild([&] { return file_str(path_.c_str(), "a", 7, 0); });
-    EXPECT_EQ(r.status, 1) << r;
-    EXPECT_EQ(slurp(path_), "a\n");
 }
 
 } // namespace

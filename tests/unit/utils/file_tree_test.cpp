@@ -6,15 +6,14 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
+#include <functional>
 #include <map>
 #include <string>
 
@@ -22,30 +21,24 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct Attrs {
-    uid_t uid;
-    gid_t gid;
-    mode_t mode;
-};
+using testsupport::exists;
+using testsupport::spit;
 
-Attrs attrs(const std::string &path)
+int chmodTree(const char *path)
 {
-    struct stat st;
-    if (lstat(path.c_str(), &st) != 0)
-        return {uid_t(-1), gid_t(-1), 0};
-    return {st.st_uid, st.st_gid, st.st_mode};
+    return chmod_tree(path, 0700, 0600);
 }
 
-using testsupport::exists;
-
-int openDescriptors()
+int chownTree(const char *path)
 {
-    int n = 0;
-    for (const auto &e : fs::directory_iterator("/proc/self/fd")) {
-        (void)e;
-        ++n;
-    }
-    return n;
+    return chown_tree(path, 1234, 5678);
+}
+
+struct stat attrs(const std::string &path)
+{
+    struct stat st = {};
+    lstat(path.c_str(), &st);
+    return st;
 }
 
 // A mailbox-like tree whose links point outside it, at things a root-owned
@@ -55,36 +48,46 @@ protected:
     void SetUp() override
     {
         fs::create_directories(outside_ + "/sub");
-        std::ofstream(outside_ + "/secret") << "secret";
-        std::ofstream(outside_ + "/sub/inner") << "inner";
+        spit(outside_ + "/secret", "secret");
+        spit(outside_ + "/sub/inner", "inner");
         ASSERT_EQ(chmod(outside_.c_str(), 0755), 0);
         ASSERT_EQ(chmod((outside_ + "/secret").c_str(), 0644), 0);
+        for (const auto &e : fs::recursive_directory_iterator(outside_))
+            outsideBefore_[e.path().string()] = attrs(e.path().string());
+        outsideBefore_[outside_] = attrs(outside_);
 
         fs::create_directories(tree_ + "/Maildir/cur");
         fs::create_directories(tree_ + "/Maildir/.Spam/new");
-        std::ofstream(tree_ + "/Maildir/cur/1.msg") << "one";
-        std::ofstream(tree_ + "/Maildir/.Spam/new/2.msg") << "two";
+        spit(tree_ + "/Maildir/cur/1.msg", "one");
+        ASSERT_EQ(chmod((tree_ + "/Maildir/cur/1.msg").c_str(), 0644), 0);
+        spit(tree_ + "/Maildir/.Spam/new/2.msg", "two");
         ASSERT_EQ(symlink("../outside", (tree_ + "/dirlink").c_str()), 0);
         ASSERT_EQ(symlink((outside_ + "/secret").c_str(), (tree_ + "/Maildir/filelink").c_str()), 0);
+        ASSERT_EQ(symlink(outside_.c_str(), top_link_.c_str()), 0);
         std::string deep = tree_ + "/deep";
         for (int i = 0; i < 30; ++i)
             deep += "/d";
         fs::create_directories(deep);
-        std::ofstream(deep + "/leaf") << "leaf";
-
-        for (const auto &e : fs::recursive_directory_iterator(outside_))
-            outsideBefore_[e.path().string()] = attrs(e.path().string());
-        outsideBefore_[outside_] = attrs(outside_);
+        spit(deep + "/leaf", "leaf");
     }
 
-    void expectOutsideUntouched(const char *what)
+    // Calls check for the tree's top and every entry under it, links
+    // included but not followed.
+    void forEachEntry(const std::function<void(const std::string &, const struct stat &)> &check)
+    {
+        check(tree_, attrs(tree_));
+        for (const auto &e : fs::recursive_directory_iterator(tree_))
+            check(e.path().string(), attrs(e.path().string()));
+    }
+
+    void expectOutsideUntouched()
     {
         for (const auto &[path, before] : outsideBefore_) {
-            ASSERT_TRUE(exists(path)) << what << " removed " << path;
-            const Attrs now = attrs(path);
-            EXPECT_EQ(now.uid, before.uid) << what << " changed owner of " << path;
-            EXPECT_EQ(now.gid, before.gid) << what << " changed group of " << path;
-            EXPECT_EQ(now.mode, before.mode) << what << " changed mode of " << path;
+            ASSERT_TRUE(exists(path)) << "removed " << path;
+            const struct stat now = attrs(path);
+            EXPECT_EQ(now.st_uid, before.st_uid) << "changed owner of " << path;
+            EXPECT_EQ(now.st_gid, before.st_gid) << "changed group of " << path;
+            EXPECT_EQ(now.st_mode, before.st_mode) << "changed mode of " << path;
         }
     }
 
@@ -92,127 +95,104 @@ protected:
     const std::string dir_ = temp_.path();
     const std::string outside_ = dir_ + "/outside";
     const std::string tree_ = dir_ + "/home";
-    std::map<std::string, Attrs> outsideBefore_;
+    const std::string top_link_ = dir_ + "/toplink"; // to outside_
+    std::map<std::string, struct stat> outsideBefore_;
 };
 
-TEST_F(FileTreeTest, RemoveTakesTheTreeButNothingItsLinksPointAt)
+// The rows run in order on one tree, the removals last.
+TEST_F(FileTreeTest, WalkersChangeEveryEntryButNeverFollowALink)
 {
-    EXPECT_EQ(rm_tree(tree_.c_str()), 0);
-    EXPECT_FALSE(exists(tree_));
-    expectOutsideUntouched("rm_tree");
-}
-
-TEST_F(FileTreeTest, ChownReachesEveryEntryAndOnlyTheLinksThemselves)
-{
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs root to give files away";
-    EXPECT_EQ(chown_tree(tree_.c_str(), 1234, 5678), 0);
-    EXPECT_EQ(attrs(tree_).uid, 1234u);
-    for (const auto &e : fs::recursive_directory_iterator(tree_)) {
-        const Attrs a = attrs(e.path().string());
-        EXPECT_EQ(a.uid, 1234u) << e.path();
-        EXPECT_EQ(a.gid, 5678u) << e.path();
+    const auto modes = [](mode_t dir_mode, mode_t file_mode) {
+        return [=](const std::string &p, const struct stat &st) {
+            if (S_ISDIR(st.st_mode) || (S_ISREG(st.st_mode) && file_mode != FILE_TREE_KEEP_MODE)) {
+                EXPECT_EQ(st.st_mode & 07777, S_ISDIR(st.st_mode) ? dir_mode : file_mode) << p;
+            }
+        };
+    };
+    const auto owned = [](const std::string &p, const struct stat &st) {
+        EXPECT_TRUE(st.st_uid == 1234u && st.st_gid == 5678u) << p << " not chowned";
+    };
+    const struct {
+        const char *fault;
+        bool needs_root;
+        std::string top;
+        std::function<int(const char *)> walk;
+        std::function<void()> check;
+    } steps[] = {
+        {"chmod_tree changed a kept mode", false, tree_,
+         [](const char *p) { return chmod_tree(p, 0700, FILE_TREE_KEEP_MODE); },
+         [&] {
+             forEachEntry(modes(0700, FILE_TREE_KEEP_MODE));
+             EXPECT_EQ(attrs(tree_ + "/Maildir/cur/1.msg").st_mode & 07777, 0644u);
+         }},
+        {"chmod_tree missed an entry", false, tree_, chmodTree, [&] { forEachEntry(modes(0700, 0600)); }},
+        {"chown_tree missed an entry", true, tree_, chownTree, [&] { forEachEntry(owned); }},
+        {"chmod_tree followed a link given as the top", false, top_link_, chmodTree, [] {}},
+        {"chown_tree missed a link given as the top", true, top_link_, chownTree,
+         [&] { owned(top_link_, attrs(top_link_)); }},
+        {"rm_tree left a link given as the top", false, top_link_, rm_tree,
+         [&] { EXPECT_FALSE(exists(top_link_)); }},
+        {"rm_tree left the tree given with trailing slashes", false, tree_ + "//", rm_tree,
+         [&] { EXPECT_FALSE(exists(tree_)); }},
+    };
+    for (const auto &c : steps) {
+        if (c.needs_root && geteuid() != 0)
+            continue; // giving files away needs root
+        SCOPED_TRACE(c.fault);
+        EXPECT_EQ(c.walk(c.top.c_str()), 0);
+        c.check();
+        expectOutsideUntouched();
     }
-    expectOutsideUntouched("chown_tree");
 }
 
-TEST_F(FileTreeTest, ChmodSetsDirectoriesAndFilesAndLeavesLinkTargets)
-{
-    EXPECT_EQ(chmod_tree(tree_.c_str(), 0700, 0600), 0);
-    EXPECT_EQ(attrs(tree_).mode & 07777, 0700u);
-    for (const auto &e : fs::recursive_directory_iterator(tree_)) {
-        const Attrs a = attrs(e.path().string());
-        if (S_ISDIR(a.mode)) {
-            EXPECT_EQ(a.mode & 07777, 0700u) << e.path();
-        } else if (S_ISREG(a.mode)) {
-            EXPECT_EQ(a.mode & 07777, 0600u) << e.path();
-        }
-    }
-    expectOutsideUntouched("chmod_tree");
-}
-
-TEST_F(FileTreeTest, KeepModeLeavesThatKindAlone)
-{
-    ASSERT_EQ(chmod((tree_ + "/Maildir/cur/1.msg").c_str(), 0644), 0);
-    EXPECT_EQ(chmod_tree(tree_.c_str(), 0700, FILE_TREE_KEEP_MODE), 0);
-    EXPECT_EQ(attrs(tree_ + "/Maildir/cur").mode & 07777, 0700u);
-    EXPECT_EQ(attrs(tree_ + "/Maildir/cur/1.msg").mode & 07777, 0644u);
-}
-
-TEST_F(FileTreeTest, LinkGivenAsTheTopIsNotFollowed)
-{
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs root to give files away";
-    const std::string link = dir_ + "/toplink";
-    ASSERT_EQ(symlink(outside_.c_str(), link.c_str()), 0);
-
-    EXPECT_EQ(chmod_tree(link.c_str(), 0700, 0600), 0);
-    expectOutsideUntouched("chmod_tree on a link");
-    EXPECT_EQ(chown_tree(link.c_str(), 1234, 5678), 0);
-    EXPECT_EQ(attrs(link).uid, 1234u) << "the link itself";
-    expectOutsideUntouched("chown_tree on a link");
-    EXPECT_EQ(rm_tree(link.c_str()), 0);
-    EXPECT_FALSE(exists(link));
-    expectOutsideUntouched("rm_tree on a link");
-}
-
-TEST_F(FileTreeTest, MissingPathIsNothingToRemoveButAFailureToChange)
+TEST_F(FileTreeTest, MissingPathsAndDotNamesGiveTheirResult)
 {
     const std::string missing = tree_ + "/absent";
-    const std::string enoent = "No such file or directory";
-    EXPECT_EQ(rm_tree(missing.c_str()), 0);
-    EXPECT_EQ(rm_tree((dir_ + "/no/such/parent").c_str()), 0);
-
+    const auto report = [](const std::string &what, int code) {
+        const std::string text = std::strerror(code);
+        return what + ": " + text + "\nSystem error " + std::to_string(code) + ": " + text + "\n";
+    };
+    const auto refused = [&](const std::string &path) {
+        return report("rm_tree: Unable to remove " + path, EINVAL);
+    };
     const struct {
-        const char *name;
-        int (*call)(const char *);
-        std::string want;
+        const char *fault;
+        std::function<int(const char *)> walk;
+        std::string path;
+        int want_errno; // 0: success
+        std::string want_out;
     } cases[] = {
-        {"chown", [](const char *p) { return chown_tree(p, 0, 0); },
-         "chown_tree: Unable to stat " + missing + ": " + enoent + "\nSystem error 2: " + enoent + "\n"},
-        {"chmod", [](const char *p) { return chmod_tree(p, 0700, 0600); },
-         "chmod_tree: Unable to stat " + missing + ": " + enoent + "\nSystem error 2: " + enoent + "\n"},
+        {"rm_tree fails on a missing path", rm_tree, missing, 0, ""},
+        {"rm_tree fails on a missing parent", rm_tree, dir_ + "/no/such/parent", 0, ""},
+        {"chown_tree accepts a missing path", chownTree, missing, ENOENT,
+         report("chown_tree: Unable to stat " + missing, ENOENT)},
+        {"chmod_tree accepts a missing path", chmodTree, missing, ENOENT,
+         report("chmod_tree: Unable to stat " + missing, ENOENT)},
+        {"dot dot walked", rm_tree, tree_ + "/Maildir/..", EINVAL, refused(tree_ + "/Maildir/..")},
+        {"dot walked", rm_tree, tree_ + "/.", EINVAL, refused(tree_ + "/.")},
+        {"dot dot with a slash walked", rm_tree, tree_ + "/Maildir/../", EINVAL,
+         refused(tree_ + "/Maildir/..")},
     };
     for (const auto &c : cases) {
         const auto r = testsupport::runInChild([&] {
-            const int rc = c.call(missing.c_str());
-            return rc == -1 && errno == ENOENT ? 0 : 1;
+            const int rc = c.walk(c.path.c_str());
+            return rc == 0 ? 0 : rc == -1 && errno > 0 ? errno : 255;
         });
-        EXPECT_EQ(r.status, 0) << c.name << " " << r;
-        EXPECT_EQ(r.out, c.want) << c.name;
+        EXPECT_EQ(r.status, c.want_errno) << c.fault << " " << r;
+        EXPECT_EQ(r.out, c.want_out) << c.fault;
+        EXPECT_TRUE(exists(tree_ + "/Maildir/cur/1.msg")) << c.fault;
     }
-}
-
-TEST_F(FileTreeTest, DotAndDotDotAreRefusedAndTrailingSlashIsFine)
-{
-    const struct {
-        const char *name;
-        std::string path;
-    } refused[] = {
-        {"dot_dot", tree_ + "/Maildir/.."},
-        {"dot", tree_ + "/."},
-        {"dot_dot_with_slash", tree_ + "/Maildir/../"},
-    };
-    for (const auto &c : refused) {
-        const auto r = testsupport::runInChild([&] {
-            return rm_tree(c.path.c_str()) == -1 && errno == EINVAL ? 0 : 1;
-        });
-        EXPECT_EQ(r.status, 0) << c.name << " " << r;
-        EXPECT_TRUE(exists(tree_ + "/Maildir/cur/1.msg")) << c.name;
-    }
-    EXPECT_EQ(rm_tree((tree_ + "/Maildir//").c_str()), 0);
-    EXPECT_FALSE(exists(tree_ + "/Maildir"));
-    EXPECT_TRUE(exists(tree_ + "/deep"));
 }
 
 TEST_F(FileTreeTest, FailureDeepInsideStopsAndNamesTheEntry)
 {
     const auto r = testsupport::runInChild([&] {
         // Room for a few levels only, so the walk fails partway down.
-        const struct rlimit limit = {static_cast<rlim_t>(openDescriptors() + 6),
-                                     static_cast<rlim_t>(openDescriptors() + 6)};
+        const rlim_t room = static_cast<rlim_t>(std::distance(fs::directory_iterator("/proc/self/fd"),
+                                                              fs::directory_iterator()) + 6);
+        const struct rlimit limit = {room, room};
         setrlimit(RLIMIT_NOFILE, &limit);
-        return chmod_tree(tree_.c_str(), 0700, 0600) == -1 && errno == EMFILE ? 0 : 1;
+        return chmodTree(tree_.c_str()) == -1 && errno == EMFILE ? 0 : 1;
     });
     EXPECT_EQ(r.status, 0) << r;
     const std::string prefix = "chmod_tree: Unable to ";

@@ -1,13 +1,13 @@
 #include "utils/read_configuration.h"
 
+#include "support/files.h"
+#include "support/temp_dir.h"
+
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cerrno>
-#include <cstdlib>
-#include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -19,32 +19,12 @@ std::string orNull(const char *s)
 
 class ConfDir : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        std::string pattern = testing::TempDir() + "zrnconf.XXXXXX";
-        std::vector<char> buf(pattern.begin(), pattern.end());
-        buf.push_back('\0');
-        ASSERT_NE(mkdtemp(buf.data()), nullptr);
-        dir_ = buf.data();
-        path_ = dir_ + "/zrn.conf";
-        zrn_conf_set_path_for_testing(path_.c_str());
-    }
+    void SetUp() override { zrn_conf_set_path_for_testing(path_.c_str()); }
+    void TearDown() override { zrn_conf_set_path_for_testing(nullptr); }
+    void write(const std::string &content) { testsupport::spit(path_, content); }
 
-    void TearDown() override
-    {
-        zrn_conf_set_path_for_testing(nullptr);
-        unlink(path_.c_str());
-        rmdir(dir_.c_str());
-    }
-
-    void write(const std::string &content)
-    {
-        std::ofstream f(path_, std::ios::binary | std::ios::trunc);
-        f << content;
-    }
-
-    std::string dir_;
-    std::string path_;
+    const testsupport::TempDir temp_{"zrnconf"};
+    const std::string path_ = temp_.path() + "/zrn.conf";
 };
 
 } // namespace
@@ -57,40 +37,36 @@ TEST_F(ConfReader, Grammar)
     const struct {
         const char *fault;
         std::string content;
-        const char *name;
-        const char *want; // null: not defined
+        std::vector<std::pair<const char *, const char *>> want; // null value: not defined
     } cases[] = {
-        {"plain_definition_lost", "FOO /srv/mail\n", "FOO", "/srv/mail"},
-        {"comment_line_read", "# FOO x\n  #FOO y\n", "FOO", nullptr},
-        {"hash_after_value_kept", "FOO /srv/mail # moved\n", "FOO", "/srv/mail"},
-        {"hash_glued_to_value_kept", "FOO a#b\n", "FOO", "a"},
-        {"trailing_blanks_kept", "FOO value \t \n", "FOO", "value"},
-        {"carriage_return_kept", "FOO value\r\n", "FOO", "value"},
-        {"inner_blanks_lost", "FOO a b  c\n", "FOO", "a b  c"},
-        {"tab_separator_refused", "FOO\tx\n", "FOO", "x"},
-        {"leading_whitespace_refused", "  \t FOO x\n", "FOO", "x"},
-        {"blank_lines_stop_reading", "\n \n\t\nFOO x\n", "FOO", "x"},
-        {"equals_after_name_accepted", "FOO=x\n", "FOO", nullptr},
-        {"equals_with_blank_accepted", "FOO= x\n", "FOO", nullptr},
-        {"equals_value_after_blank_refused", "FOO =x\n", "FOO", "=x"},
-        {"name_without_value_accepted", "FOO\n", "FOO", nullptr},
-        {"name_with_blanks_only_accepted", "FOO   \n", "FOO", nullptr},
-        {"name_with_comment_only_accepted", "FOO # nothing\n", "FOO", nullptr},
-        {"bad_name_character_accepted", "FO-O x\n", "FO", nullptr},
-        {"malformed_line_stops_reading", "FOO=1\nBAR 2\n", "BAR", "2"},
-        {"first_duplicate_wins", "FOO a\nFOO b\n", "FOO", "b"},
-        {"lookup_case_insensitive", "foo lower\n", "FOO", nullptr},
-        {"case_variants_merged", "foo lower\nFOO upper\n", "foo", "lower"},
-        {"long_line_truncated", "FOO " + long_value + "\nBAR after\n", "FOO", long_value.c_str()},
-        {"line_after_long_line_lost", "FOO " + long_value + "\nBAR after\n", "BAR", "after"},
-        {"last_line_without_line_feed_lost", "FOO a\nBAR last", "BAR", "last"},
-        {"empty_file_fails", "", "FOO", nullptr},
+        {"plain_definition_lost", "FOO /srv/mail\n", {{"FOO", "/srv/mail"}}},
+        {"comment_line_read", "# FOO x\n  #FOO y\n", {{"FOO", nullptr}}},
+        {"comment_after_value_kept", "FOO /srv/mail # moved\n", {{"FOO", "/srv/mail"}}},
+        {"hash_glued_to_value_kept", "FOO a#b\n", {{"FOO", "a"}}},
+        {"trailing_blanks_or_carriage_return_kept", "FOO value \t \r\n", {{"FOO", "value"}}},
+        {"inner_blanks_lost", "FOO a b  c\n", {{"FOO", "a b  c"}}},
+        {"tab_separator_refused", "FOO\tx\n", {{"FOO", "x"}}},
+        {"leading_whitespace_refused", "  \t FOO x\n", {{"FOO", "x"}}},
+        {"blank_lines_stop_reading", "\n \n\t\nFOO x\n", {{"FOO", "x"}}},
+        {"non_name_character_after_name_accepted", "FOO=x\n", {{"FOO", nullptr}}},
+        {"equals_value_after_blank_refused", "FOO =x\n", {{"FOO", "=x"}}},
+        {"name_without_value_accepted", "FOO  \n", {{"FOO", nullptr}}},
+        {"name_with_comment_only_accepted", "FOO # nothing\n", {{"FOO", nullptr}}},
+        {"malformed_line_stops_reading", "FOO=1\nBAR 2\n", {{"BAR", "2"}}},
+        {"first_duplicate_wins", "FOO a\nFOO b\n", {{"FOO", "b"}}},
+        {"names_not_case_sensitive", "foo lower\nFOO upper\n",
+         {{"foo", "lower"}, {"FOO", "upper"}, {"Foo", nullptr}}},
+        {"long_line_cut_or_next_line_lost", "FOO " + long_value + "\nBAR after\n",
+         {{"FOO", long_value.c_str()}, {"BAR", "after"}}},
+        {"last_line_without_line_feed_lost", "FOO a\nBAR last", {{"BAR", "last"}}},
+        {"empty_file_fails", "", {{"FOO", nullptr}}},
     };
     for (const auto &c : cases) {
         write(c.content);
         conf_store store = {};
         EXPECT_EQ(conf_read_file_r(path_.c_str(), &store), 0) << c.fault;
-        EXPECT_EQ(orNull(conf_get_r(c.name, &store)), orNull(c.want)) << c.fault;
+        for (const auto &[name, value] : c.want)
+            EXPECT_EQ(orNull(conf_get_r(name, &store)), orNull(value)) << c.fault << ": " << name;
         conf_free_r(&store);
     }
 }
@@ -99,133 +75,99 @@ TEST_F(ConfReader, MissingFileFailsWithErrno)
 {
     conf_store store = {};
     errno = 0;
-    EXPECT_EQ(conf_read_file_r((dir_ + "/absent").c_str(), &store), -1);
+    EXPECT_EQ(conf_read_file_r((path_ + ".absent").c_str(), &store), -1);
     EXPECT_EQ(errno, ENOENT);
     conf_free_r(&store);
 }
 
 TEST(ConfStore, GrowsAndFindsEveryNameSortedOrNot)
 {
+    conf_store zeroed = {};
+    ASSERT_EQ(conf_set_r("A", "1", &zeroed), 0) << "zero capacity not grown";
+    EXPECT_EQ(orNull(conf_get_r("A", &zeroed)), orNull("1"));
+    conf_free_r(&zeroed);
+
     // Enough names to grow past the first capacity several times, inserted
     // out of order, with every name redefined once.
     conf_store store = {};
     ASSERT_EQ(conf_init_r(&store), 0);
     const int n = 200;
-    for (int pass = 0; pass < 2; ++pass)
+    for (const char *suffix : {"-old", "-new"})
         for (int i = n - 1; i >= 0; --i) {
             const std::string name = "N" + std::to_string(i * 7919 % n);
-            const std::string value = name + (pass == 0 ? "-old" : "-new");
-            ASSERT_EQ(conf_set_r(name.c_str(), value.c_str(), &store), 0);
+            ASSERT_EQ(conf_set_r(name.c_str(), (name + suffix).c_str(), &store), 0);
         }
     EXPECT_EQ(store.count, static_cast<unsigned>(n)) << "redefinition appended";
     EXPECT_EQ(store.sorted, 0) << "appending kept the sorted flag";
-
-    for (int sorted = 0; sorted < 2; ++sorted) {
-        if (sorted)
+    for (const char *lookup : {"linear", "bisecting"}) {
+        if (std::string(lookup) == "bisecting")
             conf_finalize_r(&store);
         for (int i = 0; i < n; ++i) {
             const std::string name = "N" + std::to_string(i);
-            EXPECT_EQ(orNull(conf_get_r(name.c_str(), &store)), orNull((name + "-new").c_str()))
-                << (sorted ? "bisecting" : "linear") << " lookup";
+            EXPECT_EQ(orNull(conf_get_r(name.c_str(), &store)), "\"" + name + "-new\"") << lookup;
         }
-        EXPECT_EQ(conf_get_r("N", &store), nullptr);
-        EXPECT_EQ(conf_get_r("N9999", &store), nullptr);
+        EXPECT_EQ(conf_get_r("N", &store), nullptr) << lookup;
+        EXPECT_EQ(conf_get_r("N9999", &store), nullptr) << lookup;
     }
     conf_free_r(&store);
     EXPECT_EQ(store.count, 0u);
     EXPECT_EQ(store.entries, nullptr);
 }
 
-TEST(ConfStore, SetOnZeroedStoreGrowsFromNothing)
-{
-    conf_store store = {};
-    ASSERT_EQ(conf_set_r("A", "1", &store), 0) << "zero capacity not grown";
-    EXPECT_EQ(orNull(conf_get_r("A", &store)), orNull("1"));
-    conf_free_r(&store);
-}
-
 using ZrnConf = ConfDir;
 
-TEST_F(ZrnConf, DefaultsTableWhenFileIsMissing)
+TEST_F(ZrnConf, MissingFileGivesDefaultsAndIsRetried)
 {
+    // Defaults at the table's ends and between them, by index and by name.
     const struct {
         int index;
         const char *name;
         const char *value;
-    } table[] = {
+    } defaults[] = {
         {ZRN_CONF_INDEX_MIN, "_MIN_POSSIBLE_ZRN_CONF_VAR_NAME", "_MIN_POSSIBLE_ZRN_CONF_VAR_VALUE"},
         {ZARNET_MAILNAMES_D, "ZARNET_MAILNAMES_D", "/var/qmail/mailnames"},
-        {COURIER_IMAP_ROOT_D, "COURIER_IMAP_ROOT_D", "/"},
-        {RBLSMTPD, "RBLSMTPD", "/usr/sbin/rblsmtpd"},
-        {CLIENT_PHP_BIN, "CLIENT_PHP_BIN", "/usr/local/zrn/bin/php-cli"},
-        {LIB_CRYPTO_PATH, "LIB_CRYPTO_PATH", "/lib/libcrypto.so"},
-        {LIB_SSL_PATH, "LIB_SSL_PATH", "/lib/libssl.so"},
-        {AWSTATS_DOC_D, "AWSTATS_DOC_D", "/var/www/html/awstats"},
-        {AWSTATS_TOOLS_D, "AWSTATS_TOOLS_D", "/usr/share/awstats"},
-        {AWSTATS_BIN_D, "AWSTATS_BIN_D", "/var/www/cgi-bin/awstats"},
-        {AWSTATS_ETC_D, "AWSTATS_ETC_D", "/etc/awstats"},
-        {CATALINA_HOME, "CATALINA_HOME", "/usr/share/tomcat5"},
-        {MAILMAN_VAR_D, "MAILMAN_VAR_D", "/var/lib/mailman"},
-        {MAILMAN_ROOT_D, "MAILMAN_ROOT_D", "/usr/lib/mailman"},
-        {PGSQL_DATA_D, "PGSQL_DATA_D", "/var/lib/pgsql/data"},
-        {PGSQL_BIN_D, "PGSQL_BIN_D", "/usr/bin"},
-        {MYSQL_BIN_D, "MYSQL_BIN_D", "/usr/bin"},
-        {MYSQL_VAR_D, "MYSQL_VAR_D", "/var/lib/mysql"},
-        {WEB_STAT, "WEB_STAT", "/usr/bin/webalizer"},
-        {DUMP_D, "DUMP_D", "/var/lib/zrn/dumps"},
-        {DUMP_TMP_D, "DUMP_TMP_D", "/tmp"},
-        {NAMED_RUN_ROOT_D, "NAMED_RUN_ROOT_D", "/var/named/run-root"},
-        {FTPD_CONF_INC, "FTPD_CONF_INC", "/etc/proftpd.include"},
         {HTTPD_SERVICE, "HTTPD_SERVICE", "httpd"},
-        {HTTPD_LOG_D, "HTTPD_LOG_D", "/var/log/httpd"},
-        {HTTPD_INCLUDE_D, "HTTPD_INCLUDE_D", "/etc/httpd/conf.d"},
-        {HTTPD_CONF_D, "HTTPD_CONF_D", "/etc/httpd/conf"},
-        {HTTPD_VHOSTS_D, "HTTPD_VHOSTS_D", "/var/www/vhosts"},
         {PRODUCT_ROOT_D, "PRODUCT_ROOT_D", "/usr/local/zrn"},
     };
-    for (const auto &v : table) {
+    for (const auto &v : defaults) {
         EXPECT_EQ(orNull(zrnConfGetDefaultByIndex(v.index)), orNull(v.value)) << v.name;
         EXPECT_EQ(orNull(zrnConfGetDefault(v.name)), orNull(v.value)) << v.name;
         EXPECT_EQ(zrnConfGetByIndex(v.index), nullptr) << v.name;
     }
-    EXPECT_EQ(orNull(zrnConfGetDefaultByIndex(ZRN_CONF_INDEX_MAX)),
-              orNull("_MAX_POSSIBLE_ZRN_CONF_VAR_VALUE"));
+    EXPECT_EQ(orNull(zrnConfGetDefaultByIndex(ZRN_CONF_INDEX_MAX)), orNull("_MAX_POSSIBLE_ZRN_CONF_VAR_VALUE"));
     EXPECT_EQ(zrnConfGetDefaultByIndex(-1), nullptr) << "index below the table";
     EXPECT_EQ(zrnConfGetDefaultByIndex(30), nullptr) << "index past the table";
+
+    // Now the file exists: a failed load must not be remembered, and each
+    // index must find the name of its constant (not a neighbour's).
+    const char *const names[] = {
+        "ZARNET_MAILNAMES_D", "COURIER_IMAP_ROOT_D", "RBLSMTPD", "CLIENT_PHP_BIN", "LIB_CRYPTO_PATH",
+        "LIB_SSL_PATH", "AWSTATS_DOC_D", "AWSTATS_TOOLS_D", "AWSTATS_BIN_D", "AWSTATS_ETC_D", "CATALINA_HOME",
+        "MAILMAN_VAR_D", "MAILMAN_ROOT_D", "PGSQL_DATA_D", "PGSQL_BIN_D", "MYSQL_BIN_D", "MYSQL_VAR_D",
+        "WEB_STAT", "DUMP_D", "DUMP_TMP_D", "NAMED_RUN_ROOT_D", "FTPD_CONF_INC", "HTTPD_SERVICE",
+        "HTTPD_LOG_D", "HTTPD_INCLUDE_D", "HTTPD_CONF_D", "HTTPD_VHOSTS_D", "PRODUCT_ROOT_D"};
+    std::string file;
+    for (int i = ZARNET_MAILNAMES_D; i <= PRODUCT_ROOT_D; ++i)
+        file += std::string(names[i - 1]) + " v" + std::to_string(i) + "\n";
+    write(file);
+    for (int i = ZARNET_MAILNAMES_D; i <= PRODUCT_ROOT_D; ++i)
+        EXPECT_EQ(orNull(zrnConfGetByIndex(i)), "\"v" + std::to_string(i) + "\"") << names[i - 1];
 }
 
-TEST_F(ZrnConf, FileValueOverridesOnlyItsVariable)
-{
-    write("ZARNET_MAILNAMES_D /srv/mail\n");
-    EXPECT_EQ(orNull(zrnConfGetDefaultByIndex(ZARNET_MAILNAMES_D)), orNull("/srv/mail"));
-    EXPECT_EQ(orNull(zrnConfGetDefaultByIndex(PRODUCT_ROOT_D)), orNull("/usr/local/zrn"));
-    EXPECT_EQ(orNull(zrnConfGetDefault("ZARNET_MAILNAMES_D")), orNull("/srv/mail"));
-    EXPECT_EQ(zrnConfGet("PRODUCT_ROOT_D"), nullptr) << "default leaked into zrnConfGet";
-    EXPECT_EQ(zrnConfGetByIndex(PRODUCT_ROOT_D), nullptr);
-}
-
-TEST_F(ZrnConf, MissingFileIsRetriedOnTheNextRequest)
-{
-    EXPECT_EQ(zrnConfGet("PRODUCT_ROOT_D"), nullptr);
-    EXPECT_EQ(orNull(zrnConfGetDefaultByIndex(PRODUCT_ROOT_D)), orNull("/usr/local/zrn"));
-
-    write("PRODUCT_ROOT_D /opt/zrn\n");
-    EXPECT_EQ(orNull(zrnConfGet("PRODUCT_ROOT_D")), orNull("/opt/zrn"))
-        << "failed load remembered";
-    EXPECT_EQ(orNull(zrnConfGetDefaultByIndex(PRODUCT_ROOT_D)), orNull("/opt/zrn"));
-}
-
-TEST_F(ZrnConf, LoadedOnceForTheWholeRun)
+TEST_F(ZrnConf, FileValueOverridesOnlyItsVariableAndIsReadOnce)
 {
     write("HTTPD_SERVICE apache2\n");
     const char *first = zrnConfGetByIndex(HTTPD_SERVICE);
     EXPECT_EQ(orNull(first), orNull("apache2"));
+    EXPECT_EQ(orNull(zrnConfGetDefault("HTTPD_SERVICE")), orNull("apache2"));
+    EXPECT_EQ(orNull(zrnConfGetDefaultByIndex(PRODUCT_ROOT_D)), orNull("/usr/local/zrn"));
+    EXPECT_EQ(zrnConfGet("PRODUCT_ROOT_D"), nullptr) << "default leaked into zrnConfGet";
+    EXPECT_EQ(zrnConfGetByIndex(PRODUCT_ROOT_D), nullptr) << "default leaked into zrnConfGetByIndex";
 
     write("HTTPD_SERVICE nginx\nPRODUCT_ROOT_D /opt/zrn\n");
     EXPECT_EQ(zrnConfGetByIndex(HTTPD_SERVICE), first) << "not served from the cache";
     EXPECT_EQ(orNull(zrnConfGet("HTTPD_SERVICE")), orNull("apache2")) << "file read twice";
     EXPECT_EQ(zrnConfGet("PRODUCT_ROOT_D"), nullptr) << "file read twice";
-
     zrn_conf_reset_for_testing();
     EXPECT_EQ(orNull(zrnConfGetByIndex(HTTPD_SERVICE)), orNull("nginx")) << "reset kept state";
 }

@@ -100,11 +100,6 @@ std::unique_ptr<testsupport::PostfixDirs> MainCfTool::dirs;
 
 } // namespace
 
-TEST_F(MainCfTool, PathFollowsTheConfigurationDirectory)
-{
-    EXPECT_EQ(cf().mainCfPath(), dirs->config + "/main.cf");
-}
-
 TEST_F(MainCfTool, ReadsTrimmedValuesAndDefaults)
 {
     set("smtpd_banner", "  $myhostname ESMTP two words ");

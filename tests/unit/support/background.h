@@ -1,0 +1,41 @@
+// A second process that runs beside the test, for tests that need another
+// party at the same time: a lock holder, a waiting locker, a reader.
+#ifndef MAILTEND_TESTS_BACKGROUND_H
+#define MAILTEND_TESTS_BACKGROUND_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+
+namespace testsupport {
+
+class BackgroundChild {
+public:
+    // Forks; the child runs body and leaves with _exit(body()), or status 99
+    // when body throws. Throws std::runtime_error when fork fails.
+    explicit BackgroundChild(const std::function<int()> &body);
+    // A child not waited for is killed and reaped, so a failed assertion
+    // leaves no process behind.
+    ~BackgroundChild();
+    BackgroundChild(const BackgroundChild &) = delete;
+    BackgroundChild &operator=(const BackgroundChild &) = delete;
+
+    pid_t pid() const { return pid_; }
+    // Reaps the child; its status as exitText gives it.
+    std::string wait();
+
+private:
+    pid_t pid_;
+    bool reaped_ = false;
+};
+
+// A raw wait status as "exit N" or "signal N", for got/want messages.
+std::string exitText(int status);
+
+// Everything read from fd up to end of file (or a read error).
+std::string readAll(int fd);
+
+} // namespace testsupport
+
+#endif
