@@ -1,5 +1,6 @@
 #include "support/postfix_dirs.h"
 
+#include "mail/postfix/DatabaseHelper.h"
 #include "utils/MKLock.h"
 #include "utils/ProcessPipe.h"
 #include "utils/file_tree.h"
@@ -105,6 +106,29 @@ void PostfixDirs::create(const std::string &table)
     runProgram({"/usr/sbin/postmap", "-i", table}, &status);
     if (status != 0)
         throw std::runtime_error("cannot create " + table);
+}
+
+CompilerLog::CompilerLog(const std::string &path) : path_(path)
+{
+    setenv("MAILTEND_COMPILER_LOG", path_.c_str(), 1);
+    zarnet::mail::postfix::DatabaseHelper::setCompilerPathForTesting(
+        MAILTEND_TEST_SUPPORT_DIR "/compiler_logger.py");
+}
+
+CompilerLog::~CompilerLog()
+{
+    zarnet::mail::postfix::DatabaseHelper::setCompilerPathForTesting("");
+    for (const char *v : {"MAILTEND_COMPILER_LOG", "MAILTEND_PROBE_LOCK", "MAILTEND_COMPILER_FAIL"})
+        unsetenv(v);
+}
+
+std::vector<std::string> CompilerLog::runs() const
+{
+    std::vector<std::string> lines;
+    std::ifstream in(path_);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
 }
 
 } // namespace testsupport

@@ -33,6 +33,22 @@ public:
     std::string root, tables, locks, config;
 };
 
+// For its lifetime, every table-compiler run goes through the logging and
+// fault-injecting wrapper (compiler_logger.py), which appends each run's
+// arguments to the log before running the real compiler.
+class CompilerLog {
+public:
+    explicit CompilerLog(const std::string &path);
+    ~CompilerLog();
+    CompilerLog(const CompilerLog &) = delete;
+    CompilerLog &operator=(const CompilerLog &) = delete;
+
+    std::vector<std::string> runs() const;
+
+private:
+    std::string path_;
+};
+
 // Runs argv, returns stdout; status in *status when given.
 std::string runProgram(const std::vector<std::string> &argv, int *status = nullptr,
                        const std::string &input = std::string());

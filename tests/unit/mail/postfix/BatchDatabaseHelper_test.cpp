@@ -18,29 +18,15 @@ namespace {
 class BatchCompiler : public testing::Test {
 protected:
     PostfixDirs dirs;
-    std::string log = dirs.root + "/compiler.log";
+    testsupport::CompilerLog compilerLog{dirs.root + "/compiler.log"};
     std::string a = dirs.table("a_table"), b = dirs.table("b_table");
 
     void SetUp() override
     {
         PostfixDirs::create(a);
         PostfixDirs::create(b);
-        setenv("MAILTEND_COMPILER_LOG", log.c_str(), 1);
-        DatabaseHelper::setCompilerPathForTesting(MAILTEND_TEST_SUPPORT_DIR "/compiler_logger.py");
     }
-    void TearDown() override
-    {
-        DatabaseHelper::setCompilerPathForTesting("");
-        unsetenv("MAILTEND_COMPILER_LOG");
-    }
-    std::vector<std::string> runs() const
-    {
-        std::vector<std::string> lines;
-        std::ifstream in(log);
-        for (std::string line; std::getline(in, line);)
-            lines.push_back(line);
-        return lines;
-    }
+    std::vector<std::string> runs() const { return compilerLog.runs(); }
 };
 
 } // namespace

@@ -115,21 +115,10 @@ namespace {
 class DatabaseHelperCompiler : public testing::Test {
 protected:
     PostfixDirs dirs;
+    testsupport::CompilerLog compilerLog{dirs.root + "/compiler.log"};
     const std::string table = dirs.table("virtual");
-    const std::string log = dirs.root + "/compiler.log";
 
-    void SetUp() override
-    {
-        PostfixDirs::create(table);
-        setenv("MAILTEND_COMPILER_LOG", log.c_str(), 1);
-        DatabaseHelper::setCompilerPathForTesting(MAILTEND_TEST_SUPPORT_DIR "/compiler_logger.py");
-    }
-    void TearDown() override
-    {
-        DatabaseHelper::setCompilerPathForTesting("");
-        for (const char *v : {"MAILTEND_COMPILER_LOG", "MAILTEND_PROBE_LOCK", "MAILTEND_COMPILER_FAIL"})
-            unsetenv(v);
-    }
+    void SetUp() override { PostfixDirs::create(table); }
     // Anything but the indexed table itself left in the table directory.
     bool sourceLeft() const
     {
@@ -142,14 +131,7 @@ protected:
         closedir(d);
         return !names.empty();
     }
-    std::vector<std::string> runs() const
-    {
-        std::vector<std::string> lines;
-        std::ifstream in(log);
-        for (std::string line; std::getline(in, line);)
-            lines.push_back(line);
-        return lines;
-    }
+    std::vector<std::string> runs() const { return compilerLog.runs(); }
 };
 
 } // namespace
