@@ -4,6 +4,8 @@
 
 #include <boost/algorithm/string/case_conv.hpp>
 
+#include <stdexcept>
+
 namespace zarnet {
 namespace mail {
 namespace postfix {
@@ -13,6 +15,13 @@ std::string asciiDomain(const std::string &name)
 {
     // ASCII only after the conversion, so the C locale's lower-casing is exact.
     return boost::algorithm::to_lower_copy(zarnet::idn::toAscii(name), std::locale::classic());
+}
+
+void checkPathComponent(const char *kind, const std::string &name)
+{
+    if (name.empty() || name == "." || name == ".." ||
+        name.find_first_of(std::string("/\0", 2)) != std::string::npos)
+        throw std::invalid_argument(std::string("invalid ") + kind + " '" + name + "'");
 }
 
 } // namespace mailtend_commands

@@ -16,6 +16,12 @@ namespace mailtend_commands {
 
 std::string asciiDomain(const std::string &name);
 
+// A name that becomes one directory level of the mail store (a domain or a
+// mailname) must stay one level: empty names, names holding "/" or a NUL,
+// and "." and ".." throw std::invalid_argument naming the kind and the name.
+// Commands that skip the mailname syntax check still run this one.
+void checkPathComponent(const char *kind, const std::string &name);
+
 } // namespace mailtend_commands
 } // namespace postfix
 } // namespace mail

@@ -1,5 +1,8 @@
 #include "mailtend/command_table.h"
 
+#include "mailtend/DomainOptionsCommands.h"
+#include "mailtend/MailnameCommands.h"
+#include "mailtend/MailnameOptionsCommands.h"
 #include "mailtend/ServerOptionsCommands.h"
 #include "mailtend/usage.h"
 
@@ -26,31 +29,31 @@ const CommandEntry command_table[] = {
     {"--add-mailbox",
      "--domain-name=<domain_name> --mailname=<mail_name>",
      "adds a mailbox for a given mailname.\n        The noncrypted password is transferred in the environment variable ZRN_PASSWORD,\n        or crypted password is transferred in the environment variable ZRN_CRYPTED_PASSWORD",
-     nullptr}, // addMailbox
+     addMailbox},
     {"--remove-mailbox",
      "--domain-name=<domain_name> --mailname=<mail_name>",
      "removes a mailbox for a given mailname.",
-     nullptr}, // removeMailbox
+     removeMailbox},
     {"--get-mailbox-size",
      "[--in-blocks] --domain-name=<domain_name> --mailname=<mail_name>",
      "returns the size of mailbox for a mailname.",
-     nullptr}, // getMailboxSize
+     getMailboxSize},
     {"--set-password",
      "--domain-name=<domain_name> --mailname=<mail_name>",
      "sets the password for a mailname\n        The noncrypted password is transferred in the environment variable ZRN_PASSWORD,\n        or crypted password is transferred in the environment variable ZRN_CRYPTED_PASSWORD",
-     nullptr}, // setPassword
+     setPassword},
     {"--set-mailbox-disk-quota",
      "--domain-name=<domain_name> --mailname=<mail_name> --disk-quota=<quota>",
      "sets the disk quota for a mailbox. Negative quota == Unlimited",
-     nullptr}, // setMailboxDiskQuota
+     setMailboxDiskQuota},
     {"--add-redirect",
      "--domain-name=<domain_name> --mailname=<mail_name> --redirect-email=<email>",
      "adds mail redirect from the mailname",
-     nullptr}, // addRedirect
+     addRedirect},
     {"--remove-redirect",
      "--domain-name=<domain_name> --mailname=<mail_name> --redirect-email=<email>",
      "removes mail redirect from the mailname",
-     nullptr}, // removeRedirect
+     removeRedirect},
     {"--set-autoresponder",
      "--domain-name=<domain_name> --mailname=<mail_name>",
      "enables autoresponder for mailname",
@@ -86,7 +89,7 @@ const CommandEntry command_table[] = {
     {"--set-domain-disk-quota",
      "--domain-name=<domain_name> --disk-quota=<quota>",
      "sets a disk space quota to a mail domain. Negative quota == Unlimited",
-     nullptr}, // setDomainDiskQuota
+     setDomainDiskQuota},
     {"--add-badmailfrom",
      "--domain-name=<domain_name>",
      "adds mail domain to the blacklist",

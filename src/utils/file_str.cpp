@@ -157,8 +157,11 @@ public:
 
     int run(const char *const *strings, int operation, int position)
     {
+        // The file's last component is never followed: its owner (a mailbox
+        // user, say) could otherwise point it at a file only root may read
+        // and have its text copied into one they own.
         struct stat st;
-        if (stat(path_.c_str(), &st) != 0) {
+        if (lstat(path_.c_str(), &st) != 0) {
             if (errno != ENOENT)
                 return fail("file_str: Unable to stat file %s: %s\n", path_.c_str());
             is_new_ = true;
@@ -174,9 +177,13 @@ public:
             return 1;
         }
 
-        in_ = fd_io::open_retry(path_.c_str(), O_RDONLY);
+        in_ = fd_io::open_retry(path_.c_str(), O_RDONLY | O_NOFOLLOW);
         if (in_ < 0)
             return fail("Unable to open file %s: %s\n", path_.c_str());
+        // Owner and mode are those of what was opened, not of what was
+        // looked at before.
+        if (fstat(in_, &st_) != 0)
+            return fail("file_str: Unable to stat file %s: %s\n", path_.c_str());
         // A leftover from an interrupted run, or something planted: start afresh.
         if (unlink(tmp_.c_str()) != 0 && errno != ENOENT)
             return fail("Unable to open file %s: %s\n", tmp_.c_str());
@@ -227,7 +234,7 @@ public:
 private:
     int append(const char *const *strings)
     {
-        out_ = fd_io::open_retry(path_.c_str(), O_RDWR | O_APPEND | O_CREAT, 0666);
+        out_ = fd_io::open_retry(path_.c_str(), O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW, 0666);
         if (out_ < 0)
             return fail("Unable to open file %s: %s\n", path_.c_str());
         BufferedWriter out(out_);

@@ -4,8 +4,21 @@ A Sandbox is a throwaway root (see scripts/sandbox) in which mailtend and the re
 MariaDB and Courier programs run as root against private /etc, /usr, /var, /opt, /run and /tmp.
 Commands run one-shot (the command is pid 1 of fresh namespaces, with pid 1's signal rules)
 until start() is called; after that they enter the started namespaces, where daemons keep
-running between commands. Postfix can be started there (start_postfix); Courier's authdaemond
-and IMAP over a pipe are to join the same way.
+running between commands. Postfix can be started there (start_postfix), and Courier's
+authentication daemon reading the tool's passwd.db (courier.py has its configuration); IMAP
+over a pipe is to join the same way:
+
+    sb.init_auth_db()             an empty passwd.db, made by the installer program
+                                  (install_dbinit puts it in; done on demand)
+    sb.start_authdaemon()         authsqlite set up, authdaemond running (starts the sandbox)
+    sb.sqlite(sql)                SQL on passwd.db, run by the sqlite3 shell inside
+    sb.authtest(login, password)  rc 0: the login is accepted; 1: refused
+    sb.deliverquota(maildir, msg) the quota-enforcing delivery program as popuser: rc 0
+                                  delivered, 77 over quota, 75 not delivered
+    sb.make_maildir(path, quota)  an empty Maildir of popuser's, with maildirsize if quota
+
+Create passwd.db before starting the daemon and change it in place afterwards: the daemon
+keeps the file open and would not see a replaced one.
 
 Files inside are read and written from the host without starting a process: through the
 started sandbox's /proc/<pid>/root, or, while stopped, straight in ROOT's overlay upper layers
@@ -20,6 +33,8 @@ import stat as stat_mod
 import subprocess
 import time
 from pathlib import Path
+
+import courier
 
 REPO = Path(__file__).resolve().parents[2]
 SANDBOX_SCRIPT = REPO / "scripts" / "sandbox"
@@ -502,6 +517,106 @@ class Sandbox:
 
     def stop_postfix(self):
         self.run(["postfix", "stop"]).check()
+
+    # --- processes and accounts ----------------------------------------------------------------
+
+    def processes(self):
+        """(pid, ppid, comm) of every process in the started sandbox, with its own pids."""
+        pid = self.pid
+        if pid is None:
+            return []
+        found = []
+        proc = f"/proc/{pid}/root/proc"
+        for entry in os.listdir(proc):
+            if not entry.isdigit():
+                continue
+            try:
+                with open(f"{proc}/{entry}/stat") as f:
+                    stat = f.read()
+            except OSError:
+                continue
+            comm = stat[stat.index("(") + 1:stat.rindex(")")]
+            found.append((int(entry), int(stat[stat.rindex(")") + 2:].split()[1]), comm))
+        return found
+
+    def account(self, name):
+        """(uid, gid) of an account in the sandbox's own passwd file."""
+        for line in self.read_text("/etc/passwd").splitlines():
+            fields = line.split(":")
+            if len(fields) >= 4 and fields[0] == name:
+                return int(fields[2]), int(fields[3])
+        raise KeyError(f"no account {name!r} in the sandbox")
+
+    # --- Courier authentication and delivery -------------------------------------------------
+
+    def install_dbinit(self, binary=None):
+        """Puts the authentication database installer at its install path inside (binary:
+        MAILTEND_DBINIT_BIN, else build/mailauth-dbinit of this checkout)."""
+        binary = Path(binary or courier.dbinit_binary())
+        if not binary.is_file():
+            raise SandboxError(f"no mailauth-dbinit at {binary} (set MAILTEND_DBINIT_BIN)")
+        self.install(binary, courier.DBINIT_PATH)
+
+    def init_auth_db(self):
+        """Creates an empty passwd.db the way the installer does, with its program."""
+        if self.authdaemon_running():
+            raise SandboxError("authdaemond is running: it would keep reading the old passwd.db")
+        if not self.exists(courier.DBINIT_PATH):
+            self.install_dbinit()
+        return self.run([courier.DBINIT_PATH, "1"]).check()
+
+    def authdaemon_running(self):
+        return any(comm == "authdaemond" for _, _, comm in self.processes())
+
+    def start_authdaemon(self, timeout=10):
+        """Configures authlib to read passwd.db and starts authdaemond in the (then started)
+        sandbox; returns once it listens. Its messages go to courier.AUTHDAEMON_LOG."""
+        uid, gid = self.account("popuser")
+        self.write(courier.AUTHDAEMONRC, courier.authdaemonrc(), mode=0o640)
+        self.write(courier.AUTHSQLITERC, courier.authsqliterc(uid, gid), mode=0o640)
+        if not self.started:
+            self.start()
+        if self.authdaemon_running():
+            raise SandboxError("authdaemond is already running")
+        # a socket left in ROOT/run by an earlier start would look like a ready daemon
+        if self.exists(courier.AUTHDAEMON_SOCKET):
+            self.remove(courier.AUTHDAEMON_SOCKET)
+        self.spawn([courier.AUTHDAEMOND], log=courier.AUTHDAEMON_LOG)
+        # the daemon binds a temporary name, listens, then renames it to the socket
+        started = time.monotonic()
+        while not self.exists(courier.AUTHDAEMON_SOCKET):
+            waited = time.monotonic() - started
+            if waited > timeout or (waited > 1 and not self.authdaemon_running()):
+                log = ""
+                if self.exists(courier.AUTHDAEMON_LOG):
+                    log = self.read_text(courier.AUTHDAEMON_LOG)[-2000:]
+                raise SandboxError(f"authdaemond did not come up:\n{log}")
+            time.sleep(0.01)
+
+    def sqlite(self, sql, db=courier.AUTH_DB):
+        """Runs SQL with the sqlite3 shell inside (rows as "a|b" lines on stdout). Not through
+        host_path: SQLite resolves the /proc/<pid>/root link and would open the host's file."""
+        return self.run(["sqlite3", "-bail", db], stdin=sql)
+
+    def authtest(self, user, password):
+        """authtest's verdict on the login: rc 0 accepted (the account on stdout), 1 refused."""
+        return self.run(["authtest", user, password])
+
+    def make_maildir(self, path, quota=None):
+        """An empty Maildir of popuser's; missing parents become popuser's too. quota: the
+        maildirsize quota in bytes (none when None)."""
+        uid, gid = self.account("popuser")
+        for sub in ("cur", "new", "tmp"):
+            self.makedirs(f"{path}/{sub}", mode=0o700, uid=uid, gid=gid)
+        if quota is not None:
+            self.write(f"{path}/maildirsize", courier.maildirsize(quota), mode=0o600, uid=uid,
+                       gid=gid)
+
+    def deliverquota(self, maildir, message, user="popuser"):
+        """Delivers message (bytes or text) into maildir through the quota-enforcing delivery
+        program run as user: rc 0 delivered, 77 over quota, 75 not delivered."""
+        return self.run(["setpriv", f"--reuid={user}", f"--regid={user}", "--init-groups", "--",
+                         courier.DELIVERQUOTA, maildir], stdin=message)
 
     def __repr__(self):
         return f"Sandbox({str(self.root)!r}, {'started' if self.started else 'stopped'})"

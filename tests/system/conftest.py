@@ -95,7 +95,9 @@ def _root_for(request, base):
 @pytest.fixture(scope="session")
 def sandbox_template(sandbox_base, mailtend_bin):
     """An initialised sandbox with the binary installed, never started; tests get copies."""
-    return Sandbox.create(sandbox_base / "template", mailtend_bin)
+    sb = Sandbox.create(sandbox_base / "template", mailtend_bin)
+    sb.install_dbinit()
+    return sb
 
 
 @pytest.fixture

@@ -1,5 +1,6 @@
 """The sandbox rig itself: isolation from the host, the two run modes, the file view, the
-panel database and the Postfix set-up that the other system tests build on."""
+panel database, the Postfix set-up and Courier's authentication and quota delivery that the
+other system tests build on."""
 
 import os
 import pwd
@@ -13,6 +14,7 @@ from pathlib import Path
 import pymysql
 import pytest
 
+import courier
 import host_state
 from sandbox import MAIN_CF, SANDBOX_SCRIPT, TABLE_DIR, TABLES, TOOL_PATH, Sandbox
 
@@ -395,6 +397,55 @@ def test_panel_db_is_fresh_per_test_and_kept_across_stop_start(panel_db):
     assert not panel_db.server_running()
     panel_db.start()
     assert panel_db.query("SELECT name FROM domains") == [("kept.example",)]
+
+
+# --- Courier authentication and quota delivery ------------------------------------------------
+
+# "s3cret" in MD5-crypt
+S3CRET_MD5 = "$1$abcdefgh$7.vq19w/w3Vm.hk1FOA7Q/"
+
+# (fault caught, login, password, accepted)
+AUTH_CASES = [
+    ("clear column not compared", "plain@example.com", "pw-plain", True),
+    ("crypt column not checked as a hash", "hashed@example.com", "s3cret", True),
+    ("crypt column compared as clear text", "hashed@example.com", S3CRET_MD5, False),
+    ("any password accepted", "plain@example.com", "pw-other", False),
+    ("users joined without their domain", "plain@example.com", "pw-other-domain", False),
+    ("disabled user accepted", "off@example.com", "pw-off", False),
+    ("disabled domain accepted", "plain@off.example", "pw-in-off-domain", False),
+]
+
+
+def test_authdaemon_reads_the_tools_passwd_db(sandbox):
+    sandbox.init_auth_db()
+    sandbox.start_authdaemon()
+    sandbox.sqlite(
+        "INSERT INTO domains (id, name, status) VALUES (1, 'example.com', 0), "
+        "(2, 'off.example', 1), (3, 'other.example', 0);"
+        "INSERT INTO users (dom_id, name, userPassword, status) VALUES "
+        "(1, 'plain', 'pw-plain', 0), (1, 'off', 'pw-off', 1), "
+        "(2, 'plain', 'pw-in-off-domain', 0), (3, 'plain', 'pw-other-domain', 0);"
+        "INSERT INTO users (dom_id, name, cmusaslsecretPLAIN) VALUES (1, 'hashed', "
+        f"'{S3CRET_MD5}');").check()
+    for fault, login, password, accepted in AUTH_CASES:
+        res = sandbox.authtest(login, password)
+        assert (res.rc == 0) == accepted, f"{fault}: {res!r}"
+    account = sandbox.authtest("plain@example.com", "pw-plain").out
+    for want in ("(uid 30110, gid 30110)", "Home Directory: /var/qmail/mailnames/example.com/plain",
+                 "Maildir: Maildir"):
+        assert want in account, f"want {want!r} in:\n{account}"
+
+
+def test_deliverquota_refuses_over_quota_with_77(sandbox):
+    maildir = "/var/qmail/mailnames/example.com/john/Maildir"
+    sandbox.make_maildir(maildir, quota=1000)
+    message = "Subject: quota\n\n".ljust(599, "x") + "\n"
+    first = sandbox.deliverquota(maildir, message)
+    assert first.rc == 0, first
+    second = sandbox.deliverquota(maildir, message)
+    assert second.rc == courier.QUOTA_EXCEEDED, second
+    (name,) = sandbox.listdir(f"{maildir}/new")
+    assert sandbox.stat(f"{maildir}/new/{name}").st_uid == 30110
 
 
 # --- the host, once more, at the end -----------------------------------------------------------

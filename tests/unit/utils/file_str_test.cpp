@@ -109,6 +109,12 @@ TEST_F(FileStrTest, FailuresReturnOneReportAndLeaveNothingBehind)
     const std::string unopenable =
         "Unable to open file " + none + ": No such file or directory\n\nSystem error 2: No such file or directory\n";
     spit(plain, "x");
+    // A link planted in the file's place must not lead the edit elsewhere.
+    const std::string target = dir_ + "/secret", link = dir_ + "/link";
+    spit(target, "line\nsecret\n");
+    ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+    const std::string followed = "Unable to open file " + link +
+        ": Too many levels of symbolic links\n\nSystem error 40: Too many levels of symbolic links\n";
     // The messages end in a line feed and the message routine then adds the
     // system error line, hence the empty line between them.
     const struct {
@@ -124,6 +130,8 @@ TEST_F(FileStrTest, FailuresReturnOneReportAndLeaveNothingBehind)
          "stat file " + plain + "/x: Not a directory\n\nSystem error 20: Not a directory\n"},
         {"read_failure_not_reported", dir_, FILE_STR_REMOVE, 0,
          "Unable to read file " + dir_ + ": Is a directory\nSystem error 21: Is a directory\n"},
+        {"rewrite_follows_link", link, FILE_STR_REMOVE, 0, followed},
+        {"append_follows_link", link, FILE_STR_ADD, FILE_STR_APPEND, followed},
         {"unknown_operation_run", none, 7, 0, "file_str: unknown operation 7 at position 0 on " + none +
          "\n\nSystem error 22: Invalid argument\n"},
     };
@@ -138,6 +146,7 @@ TEST_F(FileStrTest, FailuresReturnOneReportAndLeaveNothingBehind)
         EXPECT_TRUE(is_locked(lock)) << c.fault << ": the lock was not given back";
         free_lock(lock);
     }
+    EXPECT_EQ(slurp(target), "line\nsecret\n");
 }
 
 TEST_F(FileStrTest, LockFailureIsReported)

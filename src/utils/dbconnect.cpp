@@ -1,0 +1,173 @@
+#include "utils/dbconnect.h"
+
+#include "utils/liblog.h"
+#include "utils/product_log.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+const char *const password_file = "/etc/zrn/.zrn.shadow";
+
+void set_error(std::string *error, const std::string &text)
+{
+    if (error != nullptr)
+        *error = text;
+}
+
+// The first line of the password file without its line feed.
+bool read_password(char (&buf)[100], std::string *error)
+{
+    FILE *f = std::fopen(password_file, "re");
+    if (f == nullptr) {
+        set_error(error, std::string("Unable to open admin password file: ") +
+                             std::strerror(errno));
+        return false;
+    }
+    errno = 0;
+    const bool got = std::fgets(buf, sizeof buf, f) != nullptr;
+    const int saved = errno;
+    const bool failed = std::ferror(f) != 0;
+    std::fclose(f);
+    if (!got) {
+        errno = failed ? saved : 0;
+        set_error(error, std::string("Unable to read admin password file: ") +
+                             (failed ? std::strerror(saved) : "the file is empty"));
+        return false;
+    }
+    const size_t len = std::strlen(buf);
+    if (len > 0 && buf[len - 1] == '\n')
+        buf[len - 1] = '\0';
+    return true;
+}
+
+std::string db_error(MYSQL *conn, const char *context)
+{
+    const unsigned int code = mysql_errno(conn);
+    if (code == 0)
+        return std::string("DB error (") + context + "): unknown error";
+    return std::string("DB error (") + context + ") " + std::to_string(code) + ": " +
+           mysql_error(conn);
+}
+
+} // namespace
+
+MYSQL *db_connect_nothrow(std::string *error)
+{
+    char password[100];
+    if (!read_password(password, error))
+        return nullptr;
+
+    MYSQL *conn = mysql_init(nullptr);
+    if (conn == nullptr) {
+        explicit_bzero(password, sizeof password);
+        errno = ENOMEM;
+        set_error(error, std::string("Unable to initialize MySQL connection structure: ") +
+                             std::strerror(ENOMEM));
+        return nullptr;
+    }
+    MYSQL *ok = mysql_real_connect(conn, "localhost", "admin", password, "zrn", 0, nullptr, 0);
+    explicit_bzero(password, sizeof password);
+    if (ok == nullptr) {
+        set_error(error, std::string("Unable to connect to Zarnet Database: ") +
+                             mysql_error(conn));
+        mysql_close(conn);
+        // The client's text says it all; its errno is left over from inside.
+        errno = 0;
+        return nullptr;
+    }
+    if (mysql_query(conn, "SET NAMES utf8") != 0) {
+        set_error(error, db_error(conn, "set names query"));
+        mysql_close(conn);
+        errno = 0;
+        return nullptr;
+    }
+    return conn;
+}
+
+MYSQL *db_connect()
+{
+    std::string error;
+    MYSQL *conn = db_connect_nothrow(&error);
+    if (conn == nullptr)
+        messlog2(0, 0, "%s", error.c_str());
+    return conn;
+}
+
+char **string_to_mas(char **array, const char *text)
+{
+    size_t count = 0;
+    if (array != nullptr)
+        while (array[count] != nullptr)
+            ++count;
+    char *copy = strdup(text);
+    if (copy == nullptr) {
+        zarnet_log(3, "System error: %s\n", std::strerror(errno));
+        return nullptr;
+    }
+    char **grown = static_cast<char **>(std::realloc(array, (count + 2) * sizeof(char *)));
+    if (grown == nullptr) {
+        const int saved = errno;
+        std::free(copy);
+        zarnet_log(3, "System error: %s\n", std::strerror(saved));
+        return nullptr;
+    }
+    grown[count] = copy;
+    grown[count + 1] = nullptr;
+    return grown;
+}
+
+void free_array(char **array)
+{
+    if (array == nullptr)
+        return;
+    for (char **p = array; *p != nullptr; ++p)
+        std::free(*p);
+    std::free(array);
+}
+
+int exec_mysql_query(MYSQL *conn, const char *query, char ***out)
+{
+    MYSQL *own = nullptr;
+    if (conn == nullptr) {
+        own = db_connect();
+        if (own == nullptr) {
+            zarnet_log(3, "Unable to connect to mysql database");
+            return -1;
+        }
+        conn = own;
+    }
+
+    int rc = -1;
+    char **array = nullptr;
+    MYSQL_RES *res = nullptr;
+    if (mysql_real_query(conn, query, std::strlen(query)) != 0 ||
+        ((res = mysql_store_result(conn)) == nullptr && mysql_field_count(conn) != 0)) {
+        zarnet_log(3, "Unable to get data from mysql database");
+    } else {
+        rc = 0;
+        MYSQL_ROW row;
+        while (res != nullptr && (row = mysql_fetch_row(res)) != nullptr) {
+            const char *text = mysql_num_fields(res) > 0 && row[0] != nullptr ? row[0] : "";
+            char **grown = string_to_mas(array, text);
+            if (grown == nullptr) {
+                zarnet_log(3, "Query error: %s", mysql_error(conn));
+                free_array(array);
+                array = nullptr;
+                rc = -1;
+                break;
+            }
+            array = grown;
+        }
+    }
+
+    if (res != nullptr)
+        mysql_free_result(res);
+    if (own != nullptr)
+        mysql_close(own);
+    *out = rc == 0 ? array : nullptr;
+    return rc;
+}
