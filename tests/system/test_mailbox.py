@@ -198,3 +198,29 @@ def test_missing_popuser_is_fatal(mailhost):
         assert r.rc == 1 and r.err.startswith("Fatal error: zarnet::SystemError(user popuser "
                                               "not found"), r
     assert sb.read_text(home(DOMAIN, "info") + "/.qmail") == "| true\n"
+
+
+# Options of each command in help order; "!" marks a mandatory one.
+OPTION_SETS = {
+    "--add-mailbox": ["!--domain-name", "!--mailname", "-D [ --mail-domain-disabled ]"],
+    "--set-password": ["!--domain-name", "!--mailname", "-D [ --mail-domain-disabled ]"],
+    "--remove-mailbox": ["!--domain-name", "!--mailname"],
+    "--get-mailbox-size": ["--in-blocks", "!--domain-name", "!--mailname"],
+    "--set-mailbox-disk-quota": ["!--domain-name", "!--mailname", "!--disk-quota"],
+    "--add-redirect": ["!--domain-name", "!--mailname", "!--redirect-email"],
+    "--remove-redirect": ["!--domain-name", "!--mailname", "!--redirect-email"],
+    "--set-domain-disk-quota": ["!--domain-name", "!--disk-quota"],
+}
+
+
+def test_option_sets(sandbox):
+    for command, want in OPTION_SETS.items():
+        r = sandbox.mailtend(command, "--help")
+        lines = r.out.split("Allowed options to ", 1)[1].splitlines()[1:-2]
+        got = [("!" if line.endswith("(mandatory)") else "") + line.split(" arg")[0].strip()
+               .split("  ")[0] for line in lines]
+        assert (r.rc, got) == (0, want), r
+        # the last mandatory option missing is the one reported, before anything changes
+        last = [o for o in want if o.startswith("!")][-1][1:]
+        r = sandbox.mailtend(command)
+        assert (r.rc, r.err) == (1, f'mandatory option "{last}" is not specified\n'), r
