@@ -28,11 +28,6 @@ struct Handle {
     Handle &operator=(const Handle &) = delete;
     explicit Handle(int flags, const char *format) : db(mailAuthDBOpen(flags, format)) {}
     ~Handle() { mailAuthDBClose(db); }
-    void close()
-    {
-        mailAuthDBClose(db);
-        db = nullptr;
-    }
 };
 
 struct Statement {
@@ -82,19 +77,33 @@ int row_flags(const char *enc_password, int user_status, int domain_status)
 // A statement that changes rows: prepared, bound by bind (which logs its own
 // failures), stepped to the end.
 template <typename Bind>
-int run_change(const char *sql, const char *exec_format, Bind bind)
+int run_change(sqlite3 *db, const char *sql, const char *exec_format, Bind bind)
 {
-    Handle h(SQLITE_OPEN_READWRITE, open_rw_format);
-    if (h.db == nullptr)
-        return -1;
     Statement st;
-    if (!prepare(h.db, sql, st) || !bind(h.db, st))
+    if (!prepare(db, sql, st) || !bind(db, st))
         return -1;
     if (mailAuthDBStep(st.stmt) != SQLITE_DONE) {
-        zarnet_log(3, exec_format, sqlite3_errmsg(h.db));
+        zarnet_log(3, exec_format, sqlite3_errmsg(db));
         return -1;
     }
     return 0;
+}
+
+template <typename Bind>
+int run_change(const char *sql, const char *exec_format, Bind bind)
+{
+    Handle h(SQLITE_OPEN_READWRITE, open_rw_format);
+    return h.db != nullptr ? run_change(h.db, sql, exec_format, bind) : -1;
+}
+
+bool bind_domain_id(sqlite3 *db, Statement &st, int index, sqlite3_int64 dom_id,
+                    const char *mailname, const char *domain, const char *sql)
+{
+    if (bind_int(st, index, dom_id))
+        return true;
+    zarnet_log(3, "Unable to bind parameter domain ID for mail address '%s@%s' to  SQL statement for query '%s': %s",
+               mailname, domain, sql, sqlite3_errmsg(db));
+    return false;
 }
 
 int walk_rows(const char *sql, const char *mailname, mailAuthCallback callback, void *data)
@@ -257,35 +266,25 @@ int mailAuthSet(const char *mailname, const char *domain, const char *password, 
     }
 
     const char *sql = (flags & MAIL_AUTH_ENCRYPTED) ? enc_sql : plain_sql;
-    Statement st;
-    if (!prepare(h.db, sql, st))
-        return -1;
-    if (!bind_text(st, 1, mailname)) {
-        zarnet_log(3, "Unable to bind parameter mailname '%s' to SQL statement for query '%s': %s",
-                   mailname, sql, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    if (!bind_text(st, 2, password)) {
-        zarnet_log(3, "Unable to bind parameter password for mail address '%s@%s' to SQL statement for query '%s': %s",
-                   mailname, domain, sql, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    if (!bind_int(st, 3, (flags >> 1) & 1)) {
-        zarnet_log(3, "Unable to bind parameter status for mail address '%s@%s' to  SQL statement for query '%s': %s",
-                   mailname, domain, sql, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    if (!bind_int(st, 4, dom_id)) {
-        zarnet_log(3, "Unable to bind parameter domain ID for mail address '%s@%s' to  SQL statement for query '%s': %s",
-                   mailname, domain, sql, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    if (mailAuthDBStep(st.stmt) != SQLITE_DONE) {
-        zarnet_log(3, "Unable to execute the mail authorization registration query: %s",
-                   sqlite3_errmsg(h.db));
-        return -1;
-    }
-    return 0;
+    return run_change(h.db, sql, "Unable to execute the mail authorization registration query: %s",
+                      [&](sqlite3 *db, Statement &st) {
+                          if (!bind_text(st, 1, mailname)) {
+                              zarnet_log(3, "Unable to bind parameter mailname '%s' to SQL statement for query '%s': %s",
+                                         mailname, sql, sqlite3_errmsg(db));
+                              return false;
+                          }
+                          if (!bind_text(st, 2, password)) {
+                              zarnet_log(3, "Unable to bind parameter password for mail address '%s@%s' to SQL statement for query '%s': %s",
+                                         mailname, domain, sql, sqlite3_errmsg(db));
+                              return false;
+                          }
+                          if (!bind_int(st, 3, (flags >> 1) & 1)) {
+                              zarnet_log(3, "Unable to bind parameter status for mail address '%s@%s' to  SQL statement for query '%s': %s",
+                                         mailname, domain, sql, sqlite3_errmsg(db));
+                              return false;
+                          }
+                          return bind_domain_id(db, st, 4, dom_id, mailname, domain, sql);
+                      });
 }
 
 int mailAuthRemove(const char *mailname, const char *domain)
@@ -298,25 +297,15 @@ int mailAuthRemove(const char *mailname, const char *domain)
     if (dom_id == -1)
         return h.db == nullptr ? -1 : 0; // a failed lookup is no missing domain
 
-    Statement st;
-    if (!prepare(h.db, sql, st))
-        return -1;
-    if (!bind_text(st, 1, mailname)) {
-        zarnet_log(3, "Unable to bind parameter mailname '%s' to  SQL statement for query '%s': %s",
-                   mailname, sql, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    if (!bind_int(st, 2, dom_id)) {
-        zarnet_log(3, "Unable to bind parameter domain ID for mail address '%s@%s' to  SQL statement for query '%s': %s",
-                   mailname, domain, sql, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    if (mailAuthDBStep(st.stmt) != SQLITE_DONE) {
-        zarnet_log(3, "Unable to execute the mail authorization removal query: %s",
-                   sqlite3_errmsg(h.db));
-        return -1;
-    }
-    return 0;
+    return run_change(h.db, sql, "Unable to execute the mail authorization removal query: %s",
+                      [&](sqlite3 *db, Statement &st) {
+                          if (!bind_text(st, 1, mailname)) {
+                              zarnet_log(3, "Unable to bind parameter mailname '%s' to  SQL statement for query '%s': %s",
+                                         mailname, sql, sqlite3_errmsg(db));
+                              return false;
+                          }
+                          return bind_domain_id(db, st, 2, dom_id, mailname, domain, sql);
+                      });
 }
 
 int mailAuthRename(const char *old_mailname, const char *new_mailname, const char *domain)
@@ -327,34 +316,26 @@ int mailAuthRename(const char *old_mailname, const char *new_mailname, const cha
         return -1;
     const sqlite3_int64 dom_id = getDomainId(domain, &h.db, MAIL_AUTH_NO_CREATE);
     if (dom_id == -1) {
-        zarnet_log(3, "No such domain '%s' in the mail authentication DB", domain);
+        // A failed lookup has been reported already and is no missing domain.
+        if (h.db != nullptr)
+            zarnet_log(3, "No such domain '%s' in the mail authentication DB", domain);
         return -1;
     }
 
-    Statement st;
-    if (!prepare(h.db, sql, st))
-        return -1;
-    if (!bind_text(st, 1, new_mailname)) {
-        zarnet_log(3, "Unable to bind parameter new mailname '%s' to  SQL statement for query '%s': %s",
-                   new_mailname, sql, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    if (!bind_text(st, 2, old_mailname)) {
-        zarnet_log(3, "Unable to bind parameter old mailname '%s' to  SQL statement for query '%s': %s",
-                   old_mailname, sql, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    if (!bind_int(st, 3, dom_id)) {
-        zarnet_log(3, "Unable to bind parameter domain ID for mail address '%s@%s' to  SQL statement for query '%s': %s",
-                   old_mailname, domain, sql, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    if (mailAuthDBStep(st.stmt) != SQLITE_DONE) {
-        zarnet_log(3, "Unable to execute the mail authorization renaming query: %s",
-                   sqlite3_errmsg(h.db));
-        return -1;
-    }
-    return 0;
+    return run_change(h.db, sql, "Unable to execute the mail authorization renaming query: %s",
+                      [&](sqlite3 *db, Statement &st) {
+                          if (!bind_text(st, 1, new_mailname)) {
+                              zarnet_log(3, "Unable to bind parameter new mailname '%s' to  SQL statement for query '%s': %s",
+                                         new_mailname, sql, sqlite3_errmsg(db));
+                              return false;
+                          }
+                          if (!bind_text(st, 2, old_mailname)) {
+                              zarnet_log(3, "Unable to bind parameter old mailname '%s' to  SQL statement for query '%s': %s",
+                                         old_mailname, sql, sqlite3_errmsg(db));
+                              return false;
+                          }
+                          return bind_domain_id(db, st, 3, dom_id, old_mailname, domain, sql);
+                      });
 }
 
 namespace {

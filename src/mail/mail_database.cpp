@@ -255,21 +255,17 @@ int mailAuthDBInitStyle(int style)
     if (mailAuthDBInit() != 0)
         return -1;
 
-    uid_t owner = 0;
-    if (style == 1) {
-        errno = 0;
-        const struct passwd *pw = getpwnam("postfix");
-        if (pw == nullptr) {
-            // An absent entry leaves errno alone; say what went wrong anyway.
-            zarnet_log(2, "Unable to get user id for \"%s\": %s", "postfix",
-                       strerror(errno != 0 ? errno : ENOENT));
-            return -1;
-        }
-        owner = pw->pw_uid;
+    if (style != 1)
+        return mailAuthDBSetAccess(0, 0, 0750, 0600);
+    errno = 0;
+    const struct passwd *pw = getpwnam("postfix");
+    if (pw == nullptr) {
+        // An absent entry leaves errno alone; say what went wrong anyway.
+        zarnet_log(2, "Unable to get user id for \"%s\": %s", "postfix",
+                   strerror(errno != 0 ? errno : ENOENT));
+        return -1;
     }
-    if (style == 1)
-        return mailAuthDBSetAccess(owner, 0, 0770, 0460);
-    return mailAuthDBSetAccess(owner, 0, 0750, 0600);
+    return mailAuthDBSetAccess(pw->pw_uid, 0, 0770, 0460);
 }
 
 int mailAuthDBDetectStyle()

@@ -78,8 +78,6 @@ public:
     public:
         // Throws mError "No field named X in result set".
         const Field &operator[](const std::string &column) const;
-        bool has(const std::string &column) const { return fields_.count(column) != 0; }
-        size_t size() const { return fields_.size(); }
 
     private:
         friend class Result;

@@ -3,6 +3,7 @@
 #include "mail/mail_database.h"
 #include "support/background.h"
 #include "support/child_capture.h"
+#include "support/files.h"
 #include "support/sandboxed.h"
 #include "support/temp_dir.h"
 #include "utils/dbconnect.h"
@@ -13,7 +14,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -51,20 +52,6 @@ std::string dump(const std::string &path)
                        " IFNULL(u.userPassword, '-') || ' ' || IFNULL(u.cmusaslsecretPLAIN, '-') ||"
                        " ' ' || u.status FROM users u JOIN domains d ON u.dom_id = d.id"
                        " ORDER BY d.name, u.name");
-}
-
-std::string sortedLines(const std::string &text)
-{
-    std::vector<std::string> lines;
-    for (size_t at = 0, end; at < text.size(); at = end + 1) {
-        end = text.find('\n', at);
-        lines.push_back(text.substr(at, end - at + 1));
-    }
-    std::sort(lines.begin(), lines.end());
-    std::string out;
-    for (const auto &l : lines)
-        out += l;
-    return out;
 }
 
 class AuthRecords : public testing::Test {
@@ -111,14 +98,14 @@ TEST_F(AuthRecords, ChangesRows)
          }, 0, "", "d ex.com 0\nu 2 box@ex.com plain - 0\n"},
         {"flags_not_mapped_to_columns", [] { return mailAuthSet("box", "ex.com", "$1$h", 3); },
          0, "", "d ex.com 0\nu 1 box@ex.com - $1$h 1\n"},
-        {"new_domain_not_disabled_by_flag_4", [] { return mailAuthSet("a", "ex.com", "p", 4); },
-         0, "", "d ex.com 1\nu 1 a@ex.com p - 0\n"},
-        {"flag_4_touches_existing_domain", [] {
+        {"flag_4_ignored_for_new_domain_or_applied_to_existing", [] {
              mailAuthSet("a", "ex.com", "p", 0);
-             return mailAuthSet("b", "ex.com", "p", 4);
-         }, 0, "", "d ex.com 0\nu 1 a@ex.com p - 0\nu 2 b@ex.com p - 0\n"},
-        {"remove_in_missing_domain_fails_or_creates_it",
-         [] { return mailAuthRemove("a", "none.com"); }, 0, "", ""},
+             mailAuthSet("b", "ex.com", "p", 4);
+             return mailAuthSet("a", "new.com", "p", 4);
+         }, 0, "", "d ex.com 0\nd new.com 1\nu 1 a@ex.com p - 0\nu 2 b@ex.com p - 0\nu 3 a@new.com p - 0\n"},
+        {"missing_domain_fails_removal_or_status_change_or_is_created", [] {
+             return mailAuthRemove("a", "none.com") | mailAuthDisableDomain("none.com");
+         }, 0, "", ""},
         {"remove_takes_other_users", [] {
              mailAuthSet("a", "ex.com", "p", 0);
              mailAuthSet("b", "ex.com", "p", 0);
@@ -141,53 +128,65 @@ TEST_F(AuthRecords, ChangesRows)
              mailAuthSet("a", "ex.com", "$1$h", 7);
              return mailAuthClone("a", "ex.com", "b", "other.com");
          }, 0, "", "d ex.com 1\nd other.com 1\nu 1 a@ex.com - $1$h 1\nu 2 b@other.com - $1$h 1\n"},
-        {"clone_marks_plain_password_encrypted", [] {
+        {"clone_of_missing_user_writes_or_plain_password_marked_encrypted", [] {
              mailAuthSet("a", "ex.com", "pw", 0);
+             mailAuthClone("zz", "ex.com", "zz", "third.com");
              return mailAuthClone("a", "ex.com", "a", "other.com");
          }, 0, "", "d ex.com 0\nd other.com 0\nu 1 a@ex.com pw - 0\nu 2 a@other.com pw - 0\n"},
-        {"clone_of_missing_user_writes", [] {
-             mailAuthSet("a", "ex.com", "pw", 0);
-             return mailAuthClone("zz", "ex.com", "zz", "other.com");
-         }, 0, "", "d ex.com 0\nu 1 a@ex.com pw - 0\n"},
         {"clone_from_missing_domain_unreported",
          [] { return mailAuthClone("a", "none.com", "a", "other.com"); }, -1,
          "Unable to get mail domain id for: none.com\nUnable to get users list from MTA password database\n",
          ""},
-        {"disable_not_applied", [] {
-             mailAuthSet("a", "ex.com", "p", 0);
-             return mailAuthDisableDomain("ex.com");
-         }, 0, "", "d ex.com 1\nu 1 a@ex.com p - 0\n"},
-        {"enable_not_applied", [] {
+        {"domain_status_not_applied", [] {
              mailAuthSet("a", "ex.com", "p", 4);
-             return mailAuthEnableDomain("ex.com");
-         }, 0, "", "d ex.com 0\nu 1 a@ex.com p - 0\n"},
-        {"status_of_missing_domain_fails", [] { return mailAuthDisableDomain("none.com"); }, 0, "",
-         ""},
-        {"domain_rename_loses_users", [] {
-             mailAuthSet("a", "ex.com", "p", 0);
-             return mailAuthRenameDomain("ex.com", "new.com");
-         }, 0, "", "d new.com 0\nu 1 a@new.com p - 0\n"},
-        {"domain_removal_leaves_users", [] {
+             mailAuthSet("b", "other.com", "p", 0);
+             return mailAuthEnableDomain("ex.com") | mailAuthDisableDomain("other.com");
+         }, 0, "", "d ex.com 0\nd other.com 1\nu 1 a@ex.com p - 0\nu 2 b@other.com p - 0\n"},
+        {"domain_rename_loses_users_or_removal_leaves_them", [] {
              mailAuthSet("a", "ex.com", "p", 0);
              mailAuthSet("b", "other.com", "p", 0);
-             return mailAuthRemoveDomain("ex.com");
-         }, 0, "", "d other.com 0\nu 2 b@other.com p - 0\n"},
+             return mailAuthRenameDomain("ex.com", "new.com") | mailAuthRemoveDomain("other.com");
+         }, 0, "", "d new.com 0\nu 1 a@new.com p - 0\n"},
         {"empty_password_stored", [] {
              mailAuthSet("a", "ex.com", "p", 0);
              return set_postbox_passwd("a", "ex.com", "", 0);
          }, 0, "", "d ex.com 0\n"},
-        {"postbox_password_not_stored", [] { return set_postbox_passwd("a", "ex.com", "p", 1); },
-         0, "", "d ex.com 0\nu 1 a@ex.com - p 0\n"},
     });
 }
 
-TEST_F(AuthRecords, MissingDatabaseIsNotCreated)
+TEST_F(AuthRecords, BrokenDatabaseIsReportedOnce)
 {
-    ASSERT_EQ(unlink(db_.c_str()), 0);
-    const auto r = runInChild([] { return mailAuthSet("a", "ex.com", "p", 0) == -1 ? 0 : 1; });
-    EXPECT_EQ(r.status, 0) << r;
-    EXPECT_EQ(r.err, "Unable to open database " + db_ + ": unable to open database file\n");
-    EXPECT_NE(access(db_.c_str(), F_OK), 0) << "a record call created the database";
+    const std::string no_table = "Unable to prepare SQL statement for query 'SELECT id FROM domains"
+                                 " WHERE name=?': no such table: domains\n";
+    const struct {
+        const char *fault;
+        bool missing; // else a file without tables
+        std::function<int()> call;
+        std::string want_log;
+    } cases[] = {
+        {"missing_database_created_or_unreported", true, [] { return mailAuthSet("a", "ex.com", "p", 0); },
+         "Unable to open database " + db_ + ": unable to open database file\n"},
+        {"failed_lookup_taken_for_missing_domain", false,
+         [] { return mailAuthRename("a", "b", "ex.com"); }, no_table},
+        {"failed_lookup_taken_for_success", false, [] { return mailAuthRemove("a", "ex.com"); },
+         no_table},
+        {"store_failure_unreported", false, [] { return mailAuthSet("a", "ex.com", "p", 0); },
+         no_table + "No such domain 'ex.com' in the mail authentication DB\n"},
+        {"clone_failure_unreported", false, [] { return mailAuthClone("a", "ex.com", "a", "b.com"); },
+         "Unable to prepare SQL statement for query 'SELECT id, status FROM domains WHERE name=?':"
+         " no such table: domains\nUnable to get users list from MTA password database\n"},
+    };
+    for (const auto &c : cases) {
+        ASSERT_EQ(unlink(db_.c_str()), 0);
+        if (!c.missing)
+            testsupport::spit(db_, "");
+        const auto r = runInChild([&] { return c.call() == -1 ? 0 : 1; });
+        EXPECT_EQ(r.status, 0) << c.fault << " " << r;
+        EXPECT_EQ(r.err, c.want_log) << c.fault;
+        EXPECT_EQ(access(db_.c_str(), F_OK) == 0, !c.missing) << c.fault;
+        if (c.missing)
+            testsupport::spit(db_, "");
+    }
 }
 
 TEST_F(AuthRecords, ReadOnlyWalks)
@@ -207,37 +206,36 @@ TEST_F(AuthRecords, ReadOnlyWalks)
         int rc;
         const char *want_rows;
         std::string want_log;
-        bool any_order;
     } cases[] = {
         {"order_or_flags_wrong", mailAuthIterateAll, 0,
-         "a@dis.com q 4\na@ex.com p 0\nb@ex.com $1$h 3\n", nopw, false},
+         "a@dis.com q 4\na@ex.com p 0\nb@ex.com $1$h 3\n", nopw},
         {"short_check_not_filtered_by_name",
-         [](mailAuthCallback cb, void *d) { return mailAuthCheckShort("a", cb, d); }, 0,
-         "a@dis.com q 4\na@ex.com p 0\n", "", true},
+         [](mailAuthCallback cb, void *d) { return mailAuthCheckShort("b", cb, d); }, 0,
+         "b@ex.com $1$h 3\n", ""},
         {"check_takes_plain_over_encrypted",
          [](mailAuthCallback cb, void *d) { return mailAuthCheck("b@ex.com", cb, d); }, 0,
-         "b@ex.com $1$h 3\n", "", false},
+         "b@ex.com $1$h 3\n", ""},
         {"check_of_unknown_user_succeeds",
          [](mailAuthCallback cb, void *d) { return mailAuthCheck("b@dis.com", cb, d); }, -1, "",
-         "No such user 'b@dis.com' in mail authorization database\n", false},
+         "No such user 'b@dis.com' in mail authorization database\n"},
         {"address_without_domain_accepted",
          [](mailAuthCallback cb, void *d) { return mailAuthCheck("b@", cb, d); }, -1, "",
-         "Invalid mail address 'b@'\n", false},
+         "Invalid mail address 'b@'\n"},
         {"user_without_password_handed_over",
          [](mailAuthCallback cb, void *d) { return mailAuthCheck("nopw@ex.com", cb, d); }, -1, "",
-         "NULL password fields (noth plain and encrypted) for user nopw@ex.com, skipped\n", false},
+         "NULL password fields (noth plain and encrypted) for user nopw@ex.com, skipped\n"},
     };
     for (const auto &c : cases) {
-        std::string rows;
-        EXPECT_EQ(c.call(collect, &rows), c.rc) << c.fault;
-        if (c.any_order)
-            rows = sortedLines(rows);
-        EXPECT_EQ(rows, c.want_rows) << c.fault;
+        // The rows follow the log lines on standard output.
         const auto r = runInChild([&] {
-            std::string ignored;
-            return c.call(collect, &ignored) & 0xff;
+            std::string rows;
+            const int rc = c.call(collect, &rows);
+            std::fputs(rows.c_str(), stdout);
+            return rc & 0xff;
         });
+        EXPECT_EQ(r.status, c.rc & 0xff) << c.fault << " " << r;
         EXPECT_EQ(r.err, c.want_log) << c.fault;
+        EXPECT_EQ(r.out, c.want_log + c.want_rows) << c.fault;
     }
 }
 
@@ -317,13 +315,6 @@ TEST(AuthEnvironment, PasswordFromEnvironment)
 
 TEST(AuthEnvironment, BufferedPasswords)
 {
-    const auto md5_form = [](const std::string &h) {
-        static const char alphabet[] =
-            "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-        return h.size() == 34 && h.compare(0, 3, "$1$") == 0 && h[11] == '$' &&
-               h.find_first_not_of(alphabet, 3) == 11 &&
-               h.find_first_not_of(alphabet, 12) == std::string::npos;
-    };
     const struct {
         const char *fault;
         const char *plain, *crypted;
@@ -356,7 +347,8 @@ TEST(AuthEnvironment, BufferedPasswords)
             EXPECT_EQ(got, c.want_source) << c.fault;
             continue;
         }
-        EXPECT_TRUE(md5_form(got)) << c.fault << ": " << got;
+        EXPECT_TRUE(got.size() == 34 && got.compare(0, 3, "$1$") == 0 && got[11] == '$')
+            << c.fault << ": not an MD5-crypt form with an 8-character salt: " << got;
         const char *check = crypt(c.want_source, got.c_str());
         EXPECT_EQ(std::string(check ? check : "(null)"), got) << c.fault;
     }
@@ -420,6 +412,18 @@ TEST(MailAuthSandboxed, SpreadingFollowsPanelLists)
     mailAuthDBSetPathForTesting(db.c_str());
     ASSERT_EQ(mailAuthDBInit(), 0);
 
+    // Domains as "name status", users as "id mailname@domain" and "p" or "e" for
+    // the password column used, with the user status; names without the
+    // "authdb-" and ".test" that keep them apart in the shared panel database.
+    const auto brief = [&db] {
+        const char *name = "replace(replace(d.name, 'authdb-', ''), '.test', '')";
+        return query(db, ("SELECT group_concat(n, ', ') FROM (SELECT " + std::string(name) +
+                          " || ' ' || d.status AS n FROM domains d ORDER BY d.name)").c_str()) +
+               query(db, ("SELECT group_concat(n, ', ') FROM (SELECT u.id || ' ' || u.name || '@' || " +
+                          std::string(name) + " || ' ' || IIF(u.cmusaslsecretPLAIN IS NULL, 'p', 'e')"
+                          " || u.status AS n FROM users u JOIN domains d ON u.dom_id = d.id"
+                          " ORDER BY d.name, u.name)").c_str());
+    };
     const char *const D = "authdb-spread.test";
     const struct {
         const char *fault;
@@ -430,37 +434,24 @@ TEST(MailAuthSandboxed, SpreadingFollowsPanelLists)
     } steps[] = {
         {"aliases_missed_by_mass_password", [&] { return set_mass_postbox_passwd("box", D, "$1$h", 3); },
          1, "",
-         "d authdb-a1.test 0\nd authdb-a2.test 0\nd authdb-spread.test 0\n"
-         "u 2 box@authdb-a1.test - $1$h 1\nu 5 nick@authdb-a1.test - $1$h 1\n"
-         "u 3 box@authdb-a2.test - $1$h 1\nu 6 nick@authdb-a2.test - $1$h 1\n"
-         "u 1 box@authdb-spread.test - $1$h 1\nu 4 nick@authdb-spread.test - $1$h 1\n"},
+         "a1 0, a2 0, spread 0\n"
+         "2 box@a1 e1, 5 nick@a1 e1, 3 box@a2 e1, 6 nick@a2 e1, 1 box@spread e1, 4 nick@spread e1\n"},
         {"clone_into_new_alias_incomplete", [&] { return add_domain_auth_alias(D, "authdb-a3.test"); },
          1, "",
-         "d authdb-a1.test 0\nd authdb-a2.test 0\nd authdb-a3.test 0\nd authdb-spread.test 0\n"
-         "u 2 box@authdb-a1.test - $1$h 1\nu 5 nick@authdb-a1.test - $1$h 1\n"
-         "u 3 box@authdb-a2.test - $1$h 1\nu 6 nick@authdb-a2.test - $1$h 1\n"
-         "u 8 box@authdb-a3.test - $1$h 1\nu 7 nick@authdb-a3.test - $1$h 1\n"
-         "u 1 box@authdb-spread.test - $1$h 1\nu 4 nick@authdb-spread.test - $1$h 1\n"},
+         "a1 0, a2 0, a3 0, spread 0\n2 box@a1 e1, 5 nick@a1 e1, 3 box@a2 e1, 6 nick@a2 e1, "
+         "8 box@a3 e1, 7 nick@a3 e1, 1 box@spread e1, 4 nick@spread e1\n"},
         {"domain_action_skips_aliases",
          [&] { return domain_auth_action(D, mailAuthDisableDomain, "disable auth records"); }, 1, "",
-         "d authdb-a1.test 1\nd authdb-a2.test 1\nd authdb-a3.test 0\nd authdb-spread.test 1\n"
-         "u 2 box@authdb-a1.test - $1$h 1\nu 5 nick@authdb-a1.test - $1$h 1\n"
-         "u 3 box@authdb-a2.test - $1$h 1\nu 6 nick@authdb-a2.test - $1$h 1\n"
-         "u 8 box@authdb-a3.test - $1$h 1\nu 7 nick@authdb-a3.test - $1$h 1\n"
-         "u 1 box@authdb-spread.test - $1$h 1\nu 4 nick@authdb-spread.test - $1$h 1\n"},
+         "a1 1, a2 1, a3 0, spread 1\n2 box@a1 e1, 5 nick@a1 e1, 3 box@a2 e1, 6 nick@a2 e1, "
+         "8 box@a3 e1, 7 nick@a3 e1, 1 box@spread e1, 4 nick@spread e1\n"},
         {"alias_removal_incomplete", [] { return rm_domain_auth_alias("authdb-a1.test"); }, 1, "",
-         "d authdb-a2.test 1\nd authdb-a3.test 0\nd authdb-spread.test 1\n"
-         "u 3 box@authdb-a2.test - $1$h 1\nu 6 nick@authdb-a2.test - $1$h 1\n"
-         "u 8 box@authdb-a3.test - $1$h 1\nu 7 nick@authdb-a3.test - $1$h 1\n"
-         "u 1 box@authdb-spread.test - $1$h 1\nu 4 nick@authdb-spread.test - $1$h 1\n"},
+         "a2 1, a3 0, spread 1\n3 box@a2 e1, 6 nick@a2 e1, 8 box@a3 e1, 7 nick@a3 e1, "
+         "1 box@spread e1, 4 nick@spread e1\n"},
         {"mail_aliases_left_by_removal", [&] { return rm_mails_from_domains("box", D); }, 1, "",
-         "d authdb-a2.test 1\nd authdb-a3.test 0\nd authdb-spread.test 1\n"
-         "u 8 box@authdb-a3.test - $1$h 1\nu 7 nick@authdb-a3.test - $1$h 1\n"},
+         "a2 1, a3 0, spread 1\n8 box@a3 e1, 7 nick@a3 e1\n"},
         {"empty_alias_list_not_reported_as_0",
          [] { return set_passwd_for_domains("x", "authdb-lone.test", "p", 0); }, 0, "",
-         "d authdb-a2.test 1\nd authdb-a3.test 0\nd authdb-lone.test 0\nd authdb-spread.test 1\n"
-         "u 8 box@authdb-a3.test - $1$h 1\nu 7 nick@authdb-a3.test - $1$h 1\n"
-         "u 9 x@authdb-lone.test p - 0\n"},
+         "a2 1, a3 0, lone 0, spread 1\n8 box@a3 e1, 7 nick@a3 e1, 9 x@lone p0\n"},
         {"failed_alias_action_unreported",
          [&] {
              return domain_auth_action(
@@ -477,7 +468,7 @@ TEST(MailAuthSandboxed, SpreadingFollowsPanelLists)
         EXPECT_EQ(r.status, s.rc & 0xff) << s.fault << " " << r;
         EXPECT_EQ(r.err, s.want_log) << s.fault;
         if (s.want_dump != nullptr) {
-            EXPECT_EQ(dump(db), s.want_dump) << s.fault;
+            EXPECT_EQ(brief(), s.want_dump) << s.fault;
         }
     }
     mailAuthDBSetPathForTesting(nullptr);
