@@ -63,18 +63,26 @@ void ownPath(const fs::path &path, uid_t uid, gid_t gid, mode_t mode)
 }
 
 // Everything below a home is writable by popuser, who could put a symbolic
-// link where a folder should be and have root give its target away. So each
-// folder is opened without following a link, relative to its already opened
-// parent, and changed through that descriptor.
-FdOwner ownBelow(int parentFd, const char *name, const fs::path &path, uid_t uid, gid_t gid,
-                 mode_t mode)
+// link where a folder should be and have root create folders in, or give
+// away, what it points at. So each folder is made and opened relative to its
+// already opened parent, without following a link, and changed through that
+// descriptor.
+FdOwner makeBelow(int parentFd, const char *name, const fs::path &path, uid_t uid, gid_t gid)
 {
+    if (fd_io::retry_eintr([&] { return ::mkdirat(parentFd, name, 0700); }) != 0) {
+        const int code = errno;
+        struct stat st;
+        // Read-only, so following a link here is harmless; the open below
+        // refuses one.
+        if (code != EEXIST || ::fstatat(parentFd, name, &st, 0) != 0 || !S_ISDIR(st.st_mode))
+            throwFs("boost::filesystem::create_directory", path, code);
+    }
     FdOwner fd(fd_io::openat_retry(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
     if (!fd.valid())
         throwFs("chown", path, errno);
     if (fd_io::retry_eintr([&] { return ::fchown(fd.get(), uid, gid); }) != 0)
         throwFs("chown", path, errno);
-    if (fd_io::retry_eintr([&] { return ::fchmod(fd.get(), mode); }) != 0)
+    if (fd_io::retry_eintr([&] { return ::fchmod(fd.get(), 0700); }) != 0)
         throwFs("chmod", path, errno);
     return fd;
 }
@@ -89,10 +97,22 @@ const HomeDirectory homeDirectories[] = {
     {4, "tmp"},      {4, "new"},   {4, "cur"},   {-1, "@attachments"},
 };
 
+// The tree walk never follows a link out of the tree; its failure is worded
+// as the filesystem library words a failed recursive removal.
 void removeTree(const fs::path &path)
 {
-    if (rm_tree(path.c_str()) != 0)
-        throwFs("remove", path, errno);
+    if (rm_tree_quiet(path.c_str()) != 0)
+        throwFs("boost::filesystem::remove_all", path, errno);
+}
+
+void backupOrThrow(const fs::path &path)
+{
+    fs::path saved;
+    if (!backupRename(path, saved)) {
+        const int code = errno;
+        throw fs::filesystem_error("rename", path, saved,
+                                   boost::system::error_code(code, boost::system::system_category()));
+    }
 }
 
 } // namespace
@@ -169,15 +189,14 @@ void MaildirManager::createMailnameHome(const std::string &domain,
         if (fd_io::retry_eintr([&] { return ::fchmod(homeFd.get(), 0700); }) != 0)
             throwFs("chmod", home, errno);
 
-        FdOwner opened[sizeof homeDirectories / sizeof homeDirectories[0]];
-        fs::path relative[sizeof homeDirectories / sizeof homeDirectories[0]];
-        for (size_t i = 0; i < sizeof homeDirectories / sizeof homeDirectories[0]; ++i) {
+        constexpr size_t count = sizeof homeDirectories / sizeof homeDirectories[0];
+        FdOwner opened[count];
+        fs::path relative[count];
+        for (size_t i = 0; i < count; ++i) {
             const HomeDirectory &d = homeDirectories[i];
             relative[i] = d.parent < 0 ? fs::path(d.name) : relative[d.parent] / d.name;
-            const fs::path path = home / relative[i];
-            fs::create_directory(path);
             const int parentFd = d.parent < 0 ? homeFd.get() : opened[d.parent].get();
-            opened[i] = ownBelow(parentFd, d.name, path, uid_, gid_, 0700);
+            opened[i] = makeBelow(parentFd, d.name, home / relative[i], uid_, gid_);
         }
     } catch (const fs::filesystem_error &e) {
         failureErrno = e.code().value() != 0 ? e.code().value() : errno;
@@ -188,7 +207,7 @@ void MaildirManager::createMailnameHome(const std::string &domain,
     }
     if (!failure)
         return;
-    rm_tree(home.c_str());
+    rm_tree_quiet(home.c_str());
     errno = failureErrno;
     std::rethrow_exception(failure);
 }
@@ -218,12 +237,7 @@ void MaildirManager::backupDomainRoot(const std::string &domain) const
 {
     const fs::path root = getDomainRoot(domain);
     checkComponent(domain, root);
-    fs::path saved;
-    if (!backupRename(root, saved)) {
-        const int code = errno;
-        throw fs::filesystem_error("rename", root, saved,
-                                   boost::system::error_code(code, boost::system::system_category()));
-    }
+    backupOrThrow(root);
 }
 
 void MaildirManager::backupMailnameHome(const std::string &domain,
@@ -232,27 +246,22 @@ void MaildirManager::backupMailnameHome(const std::string &domain,
     const fs::path home = getMailnameHome(domain, mailname);
     checkComponent(domain, home);
     checkComponent(mailname, home);
-    fs::path saved;
-    if (!backupRename(home, saved)) {
-        const int code = errno;
-        throw fs::filesystem_error("rename", home, saved,
-                                   boost::system::error_code(code, boost::system::system_category()));
-    }
+    backupOrThrow(home);
 }
 
 void MaildirManager::removeDomainRoot(const std::string &domain) const
 {
     const fs::path root = getDomainRoot(domain);
     checkComponent(domain, root);
+    // The rename aside only keeps readers of the old tree from seeing it
+    // half removed; when it cannot be done the removal asked for still is.
     fs::path doomed;
-    bool renamed;
     try {
-        renamed = backupRename(root, doomed);
+        if (!backupRename(root, doomed))
+            doomed = root;
     } catch (const fs::filesystem_error &) {
-        renamed = false;
-    }
-    if (!renamed)
         doomed = root;
+    }
     if (!doomed.empty())
         removeTree(doomed);
 }

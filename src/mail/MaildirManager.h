@@ -6,7 +6,8 @@
 // popuser:popuser 0700. Creation runs under umask 077, restored on every way
 // out. Failures throw boost::filesystem::filesystem_error: chown, chmod and
 // the backup rename carry the words "chown", "chmod" or "rename", the path
-// and errno; directory creation and renames carry the library's own wording.
+// and errno; directory creation, renames and recursive removal carry the
+// library's own wording. Nothing is printed.
 // A missing "popuser" account throws zarnet::SystemError.
 //
 // There is one shared instance, which is also the quota face
@@ -57,7 +58,8 @@ public:
     void backupMailnameHome(const std::string &domain, const std::string &mailname) const;
 
     // The domain root is first moved to its backup name, so it disappears
-    // at once; one that cannot be moved is removed where it is.
+    // at once; one whose status cannot be taken, or that cannot be renamed,
+    // is removed where it is.
     void removeDomainRoot(const std::string &domain) const;
     void removeMailnameHome(const std::string &domain, const std::string &mailname) const;
 

@@ -20,9 +20,9 @@ public:
     // The one shared instance, after looking "popuser" up again.
     static MaildirPPManager &getInstance();
 
-    // The space taken by "@attachments" is subtracted from a quota first; a
-    // quota it uses up entirely is written as no limit, with a warning on
-    // zarnet::uerr.
+    // The space taken by an "@attachments" directory is subtracted from a
+    // quota first; a quota smaller than that is written as no limit, with a
+    // warning on zarnet::uerr, and one it uses up exactly as one byte.
     void setMailboxQuota(const std::string &domain, const std::string &mailname,
                          long long quota) const;
     // Falls back to the domain's default mailbox quota from the panel.

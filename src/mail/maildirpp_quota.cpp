@@ -2,6 +2,7 @@
 
 #include "mail/mailbox_size.h"
 #include "mail/panel_queries.h"
+#include "utils/FdOwner.h"
 #include "utils/dbconnect.h"
 #include "utils/fd_io.h"
 #include "utils/idn.h"
@@ -78,7 +79,20 @@ public:
     CwdKeeper(const CwdKeeper &) = delete;
     CwdKeeper &operator=(const CwdKeeper &) = delete;
 
-    bool valid() const { return fd_ >= 0; }
+    // Changes into the Maildir. Its last component must not be a symbolic
+    // link: the mailbox's owner could point it anywhere, and root writes
+    // and counts there.
+    bool enter(const char *maildir) const
+    {
+        if (fd_ < 0)
+            return false;
+        const int fd = fd_io::open_retry(maildir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+        if (fd < 0)
+            return false;
+        const int rc = fd_io::retry_eintr([&] { return ::fchdir(fd); });
+        fd_io::close_quietly(fd);
+        return rc == 0;
+    }
 
 private:
     int fd_;
@@ -95,36 +109,40 @@ private:
     int saved_;
 };
 
-// The temporary "maildirsize" until it is renamed into place: closed and
-// removed otherwise, errno untouched.
+// The temporary "maildirsize" in the Maildir's "tmp" until it is renamed
+// into place: closed and removed otherwise, errno untouched.
 class PendingFile {
 public:
-    PendingFile(int fd, const char *name) : fd_(fd), name_(name) {}
+    PendingFile(int dir, int fd, const char *name) : dir_(dir), fd_(fd), name_(name) {}
     ~PendingFile()
     {
-        if (fd_ < 0 && name_.empty())
-            return;
         const int saved = errno;
         if (fd_ >= 0)
             ::close(fd_);
         if (!name_.empty())
-            ::unlink(name_.c_str());
+            ::unlinkat(dir_, name_.c_str(), 0);
         errno = saved;
     }
     PendingFile(const PendingFile &) = delete;
     PendingFile &operator=(const PendingFile &) = delete;
 
-    int fd() const { return fd_; }
-    const char *name() const { return name_.c_str(); }
     int close()
     {
         const int rc = fd_io::close_fd(fd_);
         fd_ = -1;
         return rc;
     }
-    void renamed() { name_.clear(); }
+    int renameTo(const char *target)
+    {
+        const int rc = fd_io::retry_eintr(
+            [&] { return ::renameat(dir_, name_.c_str(), AT_FDCWD, target); });
+        if (rc == 0)
+            name_.clear();
+        return rc;
+    }
 
 private:
+    int dir_;
     int fd_;
     std::string name_;
 };
@@ -168,21 +186,32 @@ bool isDigit(char c)
     return c >= '0' && c <= '9';
 }
 
+// The decimal number at p, leaving p after it; false when there is none or
+// it overflows.
+bool parseNumber(const char *&p, const char *end, unsigned long long *value)
+{
+    if (p == end || !isDigit(*p))
+        return false;
+    unsigned long long v = 0;
+    for (; p < end && isDigit(*p); ++p)
+        if (__builtin_mul_overflow(v, 10ULL, &v) ||
+            __builtin_add_overflow(v, static_cast<unsigned long long>(*p - '0'), &v))
+            return false;
+    *value = v;
+    return true;
+}
+
 // The first ",S=<n>" whose number fits and ends at ":" or at the end.
 bool sizeFromName(const char *name, long long *size)
 {
+    const char *const end = name + std::strlen(name);
     for (const char *mark = std::strstr(name, ",S="); mark != nullptr;
          mark = std::strstr(mark + 1, ",S=")) {
         const char *p = mark + 3;
-        if (!isDigit(*p))
-            continue;
-        long long value = 0;
-        bool overflow = false;
-        for (; isDigit(*p); ++p)
-            overflow = overflow || __builtin_mul_overflow(value, 10, &value) ||
-                       __builtin_add_overflow(value, *p - '0', &value);
-        if (!overflow && (*p == ':' || *p == '\0')) {
-            *size = value;
+        unsigned long long value;
+        if (parseNumber(p, end, &value) && value <= static_cast<unsigned long long>(LLONG_MAX) &&
+            (p == end || *p == ':')) {
+            *size = static_cast<long long>(value);
             return true;
         }
     }
@@ -315,15 +344,9 @@ bool parseUsageLine(const char *p, const char *end, long long *bytes, unsigned l
     bool negative = false;
     if (p < end && (*p == '-' || *p == '+'))
         negative = *p++ == '-';
-    if (p == end || !isDigit(*p))
-        return false;
-    unsigned long long magnitude = 0;
-    for (; p < end && isDigit(*p); ++p)
-        if (__builtin_mul_overflow(magnitude, 10ULL, &magnitude) ||
-            __builtin_add_overflow(magnitude, static_cast<unsigned long long>(*p - '0'),
-                                   &magnitude))
-            return false;
-    if (magnitude > static_cast<unsigned long long>(LLONG_MAX) + (negative ? 1 : 0))
+    unsigned long long magnitude;
+    if (!parseNumber(p, end, &magnitude) ||
+        magnitude > static_cast<unsigned long long>(LLONG_MAX) + (negative ? 1 : 0))
         return false;
     *bytes = negative ? static_cast<long long>(0ULL - magnitude) : static_cast<long long>(magnitude);
 
@@ -331,15 +354,7 @@ bool parseUsageLine(const char *p, const char *end, long long *bytes, unsigned l
         return false;
     while (p < end && (*p == ' ' || *p == '\t'))
         ++p;
-    if (p == end || !isDigit(*p))
-        return false;
-    unsigned long long messages = 0;
-    for (; p < end && isDigit(*p); ++p)
-        if (__builtin_mul_overflow(messages, 10ULL, &messages) ||
-            __builtin_add_overflow(messages, static_cast<unsigned long long>(*p - '0'), &messages))
-            return false;
-    *count = messages;
-    return p == end;
+    return parseNumber(p, end, count) && p == end;
 }
 
 // Sums the usage lines of "maildirsize" in the current directory; false
@@ -396,12 +411,28 @@ bool readUsageFile(long long *bytes, unsigned long long *count)
 
 bool popuserIds(uid_t *uid, gid_t *gid)
 {
+    // getpwnam may leave errno alone for a missing account; a stale value
+    // must not be reported as the cause.
+    errno = 0;
     const struct passwd *pw = ::getpwnam("popuser");
     if (pw == nullptr)
         return false;
     *uid = pw->pw_uid;
     *gid = pw->pw_gid;
     return true;
+}
+
+// Connects to the panel and escapes the domain for its queries; false
+// after a report.
+bool openPanel(const char *domain, MysqlCloser &db, CFree &escaped)
+{
+    db.conn = db_connect();
+    if (db.conn == nullptr) {
+        report("unable to connect to MySQL");
+        return false;
+    }
+    escaped.p = mysql_escape_mail_entity(db.conn, domain);
+    return escaped.p != nullptr;
 }
 
 // Runs "SELECT id FROM domains ..." for the escaped domain; the id, or ""
@@ -439,7 +470,7 @@ int write_maildirpp_maildirsize(const char *maildir, uid_t uid, gid_t gid,
 {
     const int entryErrno = errno;
     CwdKeeper cwd;
-    if (!cwd.valid() || fd_io::retry_eintr([&] { return ::chdir(maildir); }) != 0)
+    if (!cwd.enter(maildir))
         return 0;
 
     char host[65];
@@ -449,10 +480,15 @@ int write_maildirpp_maildirsize(const char *maildir, uid_t uid, gid_t gid,
     }
     host[sizeof host - 1] = '\0';
 
+    // Everything is done relative to "tmp" opened without following a link,
+    // so a link put in its place cannot carry the file out of the Maildir.
+    zarnet::process::FdOwner tmpDir;
+    const char tmpPrefix[] = "tmp/";
     char tmpName[pathBufferSize];
+    const char *const baseName = tmpName + sizeof tmpPrefix - 1;
     int fd = -1;
     for (int attempt = 0; attempt < createAttempts && fd < 0; ++attempt) {
-        const int n = std::snprintf(tmpName, sizeof tmpName, "tmp/%lu.%u.%s-maildirsize",
+        const int n = std::snprintf(tmpName, sizeof tmpName, "%s%lu.%u.%s-maildirsize", tmpPrefix,
                                     static_cast<unsigned long>(::time(nullptr)),
                                     static_cast<unsigned>(::getpid()), host);
         if (n < 0 || static_cast<size_t>(n) >= sizeof tmpName) {
@@ -460,22 +496,27 @@ int write_maildirpp_maildirsize(const char *maildir, uid_t uid, gid_t gid,
             report("host name is too long to be used in filename");
             return 0;
         }
+        if (!tmpDir.valid())
+            tmpDir.reset(fd_io::open_retry("tmp", O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
         struct stat st;
-        if (::lstat(tmpName, &st) == 0 || errno != ENOENT) {
+        if (!tmpDir.valid() || ::fstatat(tmpDir.get(), baseName, &st, AT_SYMLINK_NOFOLLOW) == 0 ||
+            errno != ENOENT) {
             hooks.pause(attemptPauseSeconds);
             continue;
         }
-        fd = fd_io::open_retry(tmpName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0644);
+        fd = fd_io::openat_retry(tmpDir.get(), baseName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW,
+                                 0644);
         if (fd >= 0) {
             // The name must still lead to what was opened: anything else
             // means someone else is using it.
             struct stat byFd, byName;
-            if (::fstat(fd, &byFd) == 0 && ::lstat(tmpName, &byName) == 0 &&
+            if (::fstat(fd, &byFd) == 0 &&
+                ::fstatat(tmpDir.get(), baseName, &byName, AT_SYMLINK_NOFOLLOW) == 0 &&
                 byFd.st_dev == byName.st_dev && byFd.st_ino == byName.st_ino &&
                 fd_io::retry_eintr([&] { return ::ftruncate(fd, 0); }) == 0)
                 break;
             fd_io::close_quietly(fd);
-            ::unlink(tmpName);
+            ::unlinkat(tmpDir.get(), baseName, 0);
             fd = -1;
         }
         hooks.pause(attemptPauseSeconds);
@@ -485,7 +526,7 @@ int write_maildirpp_maildirsize(const char *maildir, uid_t uid, gid_t gid,
         report("Maximal allowed number of attempts to create a maildirsize file exceeded");
         return 0;
     }
-    PendingFile pending(fd, tmpName);
+    PendingFile pending(tmpDir.get(), fd, baseName);
 
     // The umask must not take the readers' access away.
     if (fd_io::retry_eintr([&] { return ::fchown(fd, uid, gid); }) != 0 ||
@@ -520,9 +561,8 @@ int write_maildirpp_maildirsize(const char *maildir, uid_t uid, gid_t gid,
         report("unable to commit written data to file");
         return 0;
     }
-    if (fd_io::retry_eintr([&] { return ::rename(pending.name(), "maildirsize"); }) != 0)
+    if (pending.renameTo("maildirsize") != 0)
         return 0;
-    pending.renamed();
 
     if (changedSince(maildir, mark)) {
         struct timespec times[2];
@@ -585,7 +625,7 @@ int get_maildirpp_messages_usage(long long *bytes, unsigned long long *count,
 int get_maildirpp_usage(const char *maildir, long long *bytes, unsigned long long *count)
 {
     CwdKeeper cwd;
-    if (!cwd.valid() || fd_io::retry_eintr([&] { return ::chdir(maildir); }) != 0)
+    if (!cwd.enter(maildir))
         return 0;
     if (readUsageFile(bytes, count))
         return 1;
@@ -656,13 +696,9 @@ int store_mbox_quota(const char *domain, const char *mailname, long long quota)
 
 int rm_mbox_quota(const char *domain, const char *mailname)
 {
-    MysqlCloser db{db_connect()};
-    if (db.conn == nullptr) {
-        report("unable to connect to MySQL");
-        return 0;
-    }
-    CFree escaped{mysql_escape_mail_entity(db.conn, domain)};
-    if (escaped.p == nullptr)
+    MysqlCloser db{nullptr};
+    CFree escaped{nullptr};
+    if (!openPanel(domain, db, escaped))
         return 0;
     const std::string id = domainId(db.conn, domain, static_cast<const char *>(escaped.p));
     if (id.empty())
@@ -678,13 +714,9 @@ int rm_mbox_quota(const char *domain, const char *mailname)
 
 int store_default_mbox_quota(const char *domain, long long quota)
 {
-    MysqlCloser db{db_connect()};
-    if (db.conn == nullptr) {
-        report("unable to connect to MySQL");
-        return 0;
-    }
-    CFree escaped{mysql_escape_mail_entity(db.conn, domain)};
-    if (escaped.p == nullptr)
+    MysqlCloser db{nullptr};
+    CFree escaped{nullptr};
+    if (!openPanel(domain, db, escaped))
         return 0;
     char query[1024];
     const int n = std::snprintf(query, sizeof query,
@@ -745,7 +777,7 @@ char *mysql_escape_mail_entity(MYSQL *conn, const char *name)
     const size_t length = std::strlen(text);
     char *escaped = static_cast<char *>(std::malloc(2 * length + 1));
     if (escaped == nullptr) {
-        report("System error: %s\n", std::strerror(errno));
+        report("Unable to allocate memory to escape %s", text);
         return nullptr;
     }
     mysql_real_escape_string(conn, escaped, text, static_cast<unsigned long>(length));

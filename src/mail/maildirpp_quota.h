@@ -24,7 +24,9 @@
 // Writes maildir/maildirsize with the quota as given and a fresh count. The
 // working directory is restored on every way out, errno is kept as it was
 // at a failure, and a failure leaves the old file untouched and no
-// temporary file behind.
+// temporary file behind. The mailbox's owner controls the Maildir, so
+// neither its last component nor its "tmp" may be a symbolic link (nor, for
+// the count, any folder it reads).
 int write_maildirpp_maildirsize(const char *maildir, uid_t uid, gid_t gid,
                                 long long quota_bytes, unsigned long long quota_count);
 
@@ -43,7 +45,8 @@ int store_domain_quota(const char *domain, long long quota);
 int rm_domain_quota(const char *domain);
 
 // Usage from maildir/maildirsize, or by counting when that file is missing,
-// longer than 5120 bytes or malformed. 1 / 0.
+// longer than 5120 bytes or malformed. 1 / 0. A Maildir that is a symbolic
+// link is refused.
 int get_maildirpp_usage(const char *maildir, long long *bytes, unsigned long long *count);
 
 // Counts the Maildir in the current directory: "new" and "cur", then those

@@ -19,7 +19,7 @@ enum class Op { Remove, Chown, Chmod };
 
 class Walk {
 public:
-    Walk(Op op, const char *who) : op_(op), who_(who) {}
+    Walk(Op op, const char *who, bool quiet = false) : op_(op), who_(who), quiet_(quiet) {}
 
     uid_t owner = uid_t(-1);
     gid_t group = gid_t(-1);
@@ -32,7 +32,9 @@ private:
     int fail(const char *verb, const std::string &path)
     {
         const int saved = errno;
-        messlog2(0, 0, "%s: Unable to %s %s: %s", who_, verb, path.c_str(), std::strerror(saved));
+        if (!quiet_)
+            messlog2(0, 0, "%s: Unable to %s %s: %s", who_, verb, path.c_str(),
+                     std::strerror(saved));
         errno = saved;
         return -1;
     }
@@ -43,6 +45,7 @@ private:
 
     Op op_;
     const char *who_;
+    bool quiet_;
 };
 
 int Walk::run(const char *path)
@@ -180,6 +183,11 @@ int Walk::directory(int fd, const std::string &path)
 int rm_tree(const char *path)
 {
     return Walk(Op::Remove, "rm_tree").run(path);
+}
+
+int rm_tree_quiet(const char *path)
+{
+    return Walk(Op::Remove, "rm_tree", true).run(path);
 }
 
 int chown_tree(const char *path, uid_t owner, gid_t group)

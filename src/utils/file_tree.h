@@ -28,6 +28,9 @@
 constexpr mode_t FILE_TREE_KEEP_MODE = static_cast<mode_t>(-1);
 
 int rm_tree(const char *path);
+// rm_tree without the report, for callers that report the failure in a
+// form of their own; errno says why.
+int rm_tree_quiet(const char *path);
 // owner (uid_t)-1 or group (gid_t)-1 leave that id unchanged.
 int chown_tree(const char *path, uid_t owner, gid_t group);
 int chmod_tree(const char *path, mode_t dir_mode, mode_t file_mode);
