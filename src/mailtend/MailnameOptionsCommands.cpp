@@ -1,6 +1,8 @@
 #include "mailtend/MailnameOptionsCommands.h"
 
 #include "mail/MaildirPPManager.h"
+#include "mail/autoresponder.h"
+#include "mail/handlers.h"
 #include "mail/mailbox_size.h"
 #include "mail/postfix/MailnameManager.h"
 #include "mailtend/MailnameArguments.h"
@@ -36,6 +38,16 @@ RedirectArguments parseRedirect(const char *description, const char *usage, int 
     r.target = mailnameArguments(helper, MailnameCheck::PathOnly);
     r.email = zarnet::idn::emailToAscii(helper.variables["redirect-email"].as<std::string>());
     return r;
+}
+
+int autoresponder(const char *description, const char *usage, int action, int argc,
+                  char **argv)
+{
+    ProgramOptionsHelper helper(description, usage);
+    declareMailnameOptions(helper);
+    standardOptionsParse(helper, argc, argv);
+    const MailnameArguments a = mailnameArguments(helper, MailnameCheck::PathOnly);
+    return autoresponder_action(a.mailname.c_str(), a.domain.c_str(), action) != 0 ? 1 : 0;
 }
 
 } // namespace
@@ -95,6 +107,20 @@ int removeRedirect(int argc, char **argv)
         argc, argv);
     MailnameManager::removeForward(r.target.domain, r.target.mailname, r.email);
     return 0;
+}
+
+int addAutoresponder(int argc, char **argv)
+{
+    return autoresponder("add autoresponder for a given mailname",
+                         "--set-autoresponder --domain-name=<domain_name> --mailname=<mail_name>",
+                         HANDLER_ACTION_ENABLE, argc, argv);
+}
+
+int removeAutoresponder(int argc, char **argv)
+{
+    return autoresponder("remove autoresponder for a given mailname",
+                         "--reset-autoresponder --domain-name=<domain_name> --mailname=<mail_name>",
+                         HANDLER_ACTION_DISABLE, argc, argv);
 }
 
 } // namespace mailtend_commands

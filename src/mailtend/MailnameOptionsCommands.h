@@ -1,4 +1,4 @@
-// Commands on one mailname's quota, size and redirects.
+// Commands on one mailname's quota, size, redirects and autoresponder.
 #ifndef MAILTEND_MAILTEND_MAILNAMEOPTIONSCOMMANDS_H
 #define MAILTEND_MAILTEND_MAILNAMEOPTIONSCOMMANDS_H
 
@@ -11,6 +11,10 @@ int getMailboxSize(int argc, char **argv);
 int setMailboxDiskQuota(int argc, char **argv);
 int addRedirect(int argc, char **argv);
 int removeRedirect(int argc, char **argv);
+// Both take lists joined by ", " in --domain-name and --mailname: every
+// mailname at every domain.
+int addAutoresponder(int argc, char **argv);
+int removeAutoresponder(int argc, char **argv);
 
 } // namespace mailtend_commands
 } // namespace postfix

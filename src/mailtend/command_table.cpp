@@ -1,6 +1,8 @@
 #include "mailtend/command_table.h"
 
+#include "mailtend/AttachmentCommands.h"
 #include "mailtend/DomainOptionsCommands.h"
+#include "mailtend/HandlerCommands.h"
 #include "mailtend/MailnameCommands.h"
 #include "mailtend/MailnameOptionsCommands.h"
 #include "mailtend/ServerOptionsCommands.h"
@@ -57,11 +59,11 @@ const CommandEntry command_table[] = {
     {"--set-autoresponder",
      "--domain-name=<domain_name> --mailname=<mail_name>",
      "enables autoresponder for mailname",
-     nullptr}, // addAutoresponder
+     addAutoresponder},
     {"--reset-autoresponder",
      "--domain-name=<domain_name> --mailname=<mail_name>",
      "disables autoresponder for mailname",
-     nullptr}, // removeAutoresponder
+     removeAutoresponder},
     {"--add-alias",
      "--domain-name=<domain_name> --mailname=<mail_name> --alias=<email_alias>",
      "adds an alias for mailname",
@@ -149,15 +151,15 @@ const CommandEntry command_table[] = {
     {"--list-attachments",
      "[--in-blocks] [--fullname] --domain-name=<domain_name> (--mailname=<mail_name>|--mail-all)",
      "lists attachments for <mail_name>",
-     nullptr}, // listAttachments
+     listAttachments},
     {"--add-attachment",
      "--domain-name=<domain_name> --mailname=<mail_name> --file-name=<full_file_name> --attachment-file-name=<attachment_file_name>",
      "adds attachment for <mail_name>",
-     nullptr}, // addAttachment
+     addAttachment},
     {"--remove-attachment",
      "--domain-name=<domain_name> --mailname=<mail_name> --attachment-file-name=<attachment_file_name>",
      "remove attachment from <mail_name>",
-     nullptr}, // removeAttachment
+     removeAttachment},
     {"--update-spf",
      "[--spf-behavior=spf_behavior] [--spf-rules=spf_rules] [--spf-guess=spf_guess] [--spf-exp=<spf_exp>]",
      "updates SPF support configuration files",
@@ -177,27 +179,27 @@ const CommandEntry command_table[] = {
     {"--add-handler",
      "--handler-name=<name> --handler-type=(global|sender|recipient|sender-domain|recipient-domain) --handler-type-name=<name> --executable=<handler> --context=<context> --hook=(before-queue|before-local|before-remote) --priority=<number>",
      "adds a mail-handler",
-     nullptr}, // addHandler
+     addHandler},
     {"--update-handler",
      "--handler-name=<name> --handler-type=(global|sender|recipient|sender-domain|recipient-domain) --executable=<handler> --context=<context> --hook=(before-queue|before-local|before-remote) --priority=<number>",
      "updates a given mail-handler",
-     nullptr}, // updateHandler
+     updateHandler},
     {"--remove-handler",
      "--handler-name=<name> --handler-type=(global|sender|recipient|sender-domain|recipient-domain) --handler-type-name=<name> --hook=(before-queue|before-local|before-remote)",
      "removes a given mail-handler",
-     nullptr}, // removeHandler
+     removeHandler},
     {"--disable-handler",
      "--handler-name=<name> --handler-type=(global|sender|recipient|sender-domain|recipient-domain) --handler-type-name=<name> --hook=(before-queue|before-local|before-remote)",
      "disables a given mail-handler",
-     nullptr}, // disableHandler
+     disableHandler},
     {"--enable-handler",
      "--handler-name=<name> --handler-type=(global|sender|recipient|sender-domain|recipient-domain) --handler-type-name=<name> --hook=(before-queue|before-local|before-remote)",
      "enables a given mail-handler",
-     nullptr}, // enableHandler
+     enableHandler},
     {"--check-handler",
      "--handler-name=<name> --handler-type=(global|sender|recipient|sender-domain|recipient-domain) --handler-type-name=<name> --hook=(before-queue|before-local|before-remote)",
      "checks if a given mail-handler exists",
-     nullptr}, // checkHandler
+     checkHandler},
     {"--set-domain-key",
      "--domain-name=<domain_name> --file-name=<full_file_name>",
      "sets DomainKey for <domain_name>",
