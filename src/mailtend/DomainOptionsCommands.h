@@ -8,6 +8,8 @@ namespace postfix {
 namespace mailtend_commands {
 
 int setDomainDiskQuota(int argc, char **argv);
+int setDomainKey(int argc, char **argv);
+int removeDomainKey(int argc, char **argv);
 
 } // namespace mailtend_commands
 } // namespace postfix

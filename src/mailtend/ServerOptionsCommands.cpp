@@ -1,9 +1,14 @@
 #include "mailtend/ServerOptionsCommands.h"
 
+#include "mail/courier_configure.h"
 #include "mail/postfix/MainCfManager.h"
+#include "mail/postfix/ServiceManager.h"
 #include "mail/postfix/SettingsManager.h"
+#include "mail/spf_control.h"
 #include "mailtend/CommandNames.h"
+#include "mailtend/OptionTypes.h"
 #include "mailtend/ProgramOptionsHelper.h"
+#include "utils/NotSupportedError.h"
 
 #include <boost/lexical_cast.hpp>
 
@@ -158,6 +163,108 @@ int removeBadMailFrom(int argc, char **argv)
     SettingsManager::removeBlackDomain(parseBlackDomain(
         "remove a badmailfrom", "--remove-badmailfrom --domain-name=<domain>", argc, argv));
     return 0;
+}
+
+int setMaxLetterSize(int argc, char **argv)
+{
+    ProgramOptionsHelper helper("set maximal letter size",
+                                "--set-max-letter-size --size=<size_in_bytes>");
+    helper.addOptions()("size", po::value<int64_t>(), "letter size", true);
+    standardOptionsParse(helper, argc, argv);
+
+    const MainCfManager &mainCf = MainCfManager::getInstance();
+    int64_t size = helper.variables["size"].as<int64_t>();
+    if (size == 0)
+        size = boost::lexical_cast<int64_t>(mainCf.getStringValue("mailbox_size_limit", false));
+    mainCf.replaceStringValue("message_size_limit", std::to_string(size));
+    ServiceManager::reloadServer();
+    return 0;
+}
+
+int setAccountsFormat(int argc, char **argv)
+{
+    ProgramOptionsHelper helper("set accounts format",
+                                "--set-accounts-format --account-format=\"compound\"");
+    helper.addOptions()("account-format", po::value<ShortnameFormat>(),
+                        "Accounts format (currently only compound supported)", true);
+    standardOptionsParse(helper, argc, argv);
+
+    if (helper.variables["account-format"].as<ShortnameFormat>().format ==
+        ShortnameFormat::both)
+        throw NotSupportedError("short account-format is not supported for Postfix");
+    return set_courier_shortnames_params(0);
+}
+
+namespace {
+
+struct WhiteListNetwork {
+    std::string address;
+    unsigned prefix;
+};
+
+WhiteListNetwork parseWhiteListNetwork(const char *description, const char *usage, int argc,
+                                       char **argv)
+{
+    ProgramOptionsHelper helper(description, usage);
+    helper.addOptions()("ip-address", po::value<std::string>(), "IPv4 address", true)(
+        "netmask", po::value<IPMask>(), "netmask", true);
+    standardOptionsParse(helper, argc, argv);
+    return {helper.variables["ip-address"].as<std::string>(),
+            helper.variables["netmask"].as<IPMask>().prefix};
+}
+
+} // namespace
+
+int addWhiteList(int argc, char **argv)
+{
+    const WhiteListNetwork net = parseWhiteListNetwork(
+        "add a network to whitelist",
+        "--add-whitelist --ip-address=<ip_address> --netmask=<netmask>", argc, argv);
+    SettingsManager::addWhiteNetwork(net.address, net.prefix);
+    ServiceManager::reloadServer();
+    return 0;
+}
+
+int removeWhiteList(int argc, char **argv)
+{
+    const WhiteListNetwork net = parseWhiteListNetwork(
+        "remove a network from whitelist",
+        "--remove-whitelist --ip-address=<ip_address> --netmask=<netmask>", argc, argv);
+    SettingsManager::removeWhiteNetwork(net.address, net.prefix);
+    ServiceManager::reloadServer();
+    return 0;
+}
+
+int updateSPF(int argc, char **argv)
+{
+    static const struct {
+        const char *name;
+        const char *help;
+    } settings[] = {{"spf-behavior", "SPF behavior"},
+                    {"spf-rules", "SPF rules"},
+                    {"spf-guess", "SPF guess"},
+                    {"spf-exp", "SPF exp"}};
+    ProgramOptionsHelper helper("update SPF rules",
+                                "--update-spf [--spf-behavior=spf_behavior] "
+                                "[--spf-rules=spf_rules] [--spf-guess=spf_guess] "
+                                "[--spf-exp=<spf_exp>]");
+    ProgramOptionsHelper::OptionAppender add = helper.addOptions();
+    for (const auto &s : settings)
+        add(s.name, po::value<std::string>(), s.help);
+    standardOptionsParse(helper, argc, argv);
+
+    // Absent: leave the setting alone; "-": clear it.
+    const char *values[4];
+    for (int i = 0; i < 4; ++i) {
+        const po::variable_value &v = helper.variables[settings[i].name];
+        if (v.empty())
+            values[i] = nullptr;
+        else if (v.as<std::string>() == "-")
+            values[i] = "";
+        else
+            values[i] = v.as<std::string>().c_str();
+    }
+    return update_spf(values[0], values[1], values[2], values[3]) != 0 ? 1 : 0;
 }
 
 } // namespace mailtend_commands

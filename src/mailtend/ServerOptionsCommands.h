@@ -2,6 +2,10 @@
 //
 // The feature report is PHP source the panel evaluates: one assignment to
 // $features per line, "true"/"false" bare and every other value quoted.
+//
+// Commands that change main.cf then ask the mail server to reload; whether
+// that worked (it cannot while the server is stopped) does not change their
+// exit status, since the change itself is made.
 #ifndef MAILTEND_MAILTEND_SERVEROPTIONSCOMMANDS_H
 #define MAILTEND_MAILTEND_SERVEROPTIONSCOMMANDS_H
 
@@ -17,6 +21,11 @@ int getMaxLetterSize(int argc, char **argv);
 int getMailboxLimit(int argc, char **argv);
 int addBadMailFrom(int argc, char **argv);
 int removeBadMailFrom(int argc, char **argv);
+int setMaxLetterSize(int argc, char **argv);
+int setAccountsFormat(int argc, char **argv);
+int addWhiteList(int argc, char **argv);
+int removeWhiteList(int argc, char **argv);
+int updateSPF(int argc, char **argv);
 
 } // namespace mailtend_commands
 } // namespace postfix

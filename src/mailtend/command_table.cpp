@@ -6,6 +6,7 @@
 #include "mailtend/MailnameCommands.h"
 #include "mailtend/MailnameOptionsCommands.h"
 #include "mailtend/ServerOptionsCommands.h"
+#include "mailtend/ServiceCommands.h"
 #include "mailtend/usage.h"
 
 namespace zarnet {
@@ -119,11 +120,11 @@ const CommandEntry command_table[] = {
     {"--add-whitelist",
      "--ip-address=<ip_address> --netmask=<netmask>",
      "adds the subnet to the white-list",
-     nullptr}, // addWhiteList
+     addWhiteList},
     {"--remove-whitelist",
      "--ip-address=<ip_address> --netmask=<netmask>",
      "removes the subnet from the white-list",
-     nullptr}, // removeWhiteList
+     removeWhiteList},
     {"--set-maps-protection",
      "[--maps-zones=<zone1,zone2,...,zoneN>]",
      "installs MAPS protection. Absent list of zones == disabled",
@@ -131,7 +132,7 @@ const CommandEntry command_table[] = {
     {"--set-accounts-format",
      "--account-format=(\"compound\" | \"both\")",
      "sets the POP3/IMAP accounts format",
-     nullptr}, // setAccountsFormat
+     setAccountsFormat},
     {"--features",
      "",
      "returns PHP code which reflects state of several features support in mailtend.\n        Currently they are auth-type and format",
@@ -139,7 +140,7 @@ const CommandEntry command_table[] = {
     {"--set-max-letter-size",
      "--size=<size_in_bytes>",
      "sets maximum letter size",
-     nullptr}, // setMaxLetterSize
+     setMaxLetterSize},
     {"--get-max-letter-size",
      "",
      "gets maximum letter size",
@@ -163,7 +164,7 @@ const CommandEntry command_table[] = {
     {"--update-spf",
      "[--spf-behavior=spf_behavior] [--spf-rules=spf_rules] [--spf-guess=spf_guess] [--spf-exp=<spf_exp>]",
      "updates SPF support configuration files",
-     nullptr}, // updateSPF
+     updateSPF},
     {"--add-domain-alias",
      "--domain-name=<domain_name> --domain-alias-name=<domain_alias_name>",
      "adds alias for <domain_name>",
@@ -203,11 +204,11 @@ const CommandEntry command_table[] = {
     {"--set-domain-key",
      "--domain-name=<domain_name> --file-name=<full_file_name>",
      "sets DomainKey for <domain_name>",
-     nullptr}, // setDomainKey
+     setDomainKey},
     {"--remove-domain-key",
      "--domain-name=<domain_name>",
      "removes DomainKey for <domain_name>",
-     nullptr}, // removeDomainKey
+     removeDomainKey},
     {"--set-mail-params",
      "[--relayclient] [--smtpauth] [--popauth] [--poplock-time=<time_in_seconds>] [--shortnames]",
      "sets relaying & mailnames parameters",
@@ -247,31 +248,31 @@ const CommandEntry command_table[] = {
     {"-s, --status-smtpd",
      "",
      "SMTP server status (obsoleted, use --status-service --mail-component=smtp --mail-component=smtps)",
-     nullptr}, // statusMTA
+     statusMTA},
     {"-l, --start-qmail-send",
      "",
      "starts qmail (without xinetd), (obsoleted, use --start-service --mail-component=mta)",
-     nullptr}, // startMTA
+     startMTA},
     {"-m, --stop-qmail-send",
      "",
      "stops qmail(without xinetd), (obsoleted, use --stop-service --mail-component=mta)",
-     nullptr}, // stopMTA
+     stopMTA},
     {"-i, --start-maild",
      "",
      "starts courier-imap (obsoleted, use --start-service --mail-component=imap --mail-component=pop3 --mail-component=imaps --mail-component=pop3s)",
-     nullptr}, // startIMAP
+     startIMAP},
     {"-t, --stop-maild",
      "",
      "stops courier-imap (obsoleted, use --stop-service --mail-component=imap --mail-component=pop3 --mail-component=imaps --mail-component=pop3s)",
-     nullptr}, // stopIMAP
+     stopIMAP},
     {"-z, --restart-maild",
      "",
      "restarts courier-imap (obsoleted, use --restart-service --mail-component=imap --mail-component=pop3 --mail-component=imaps --mail-component=pop3s)",
-     nullptr}, // restartIMAP
+     restartIMAP},
     {"-e, --status-maild",
      "",
      "returns courier-imap status (obsoleted, use --status-service --mail-component=imap --mail-component=pop3 --mail-component=imaps --mail-component=pop3s)",
-     nullptr}, // statusIMAP
+     statusIMAP},
     {"-a, --enable-message-submission",
      "",
      "enables message submission (obsoleted, use --start-service --mail-component=submission",

@@ -1,0 +1,95 @@
+#include "mail/postfix/ServiceManager.h"
+
+#include "mail/service_scripts.h"
+#include "utils/proc_status.h"
+
+#include <cerrno>
+#include <ctime>
+#include <fstream>
+
+namespace zarnet {
+namespace mail {
+namespace postfix {
+
+namespace {
+
+std::string scriptPath = ServiceManager::initScript;
+std::string pidFilePath = ServiceManager::masterPidFile;
+
+pid_t readMasterPid()
+{
+    std::ifstream in(pidFilePath);
+    long pid = -1;
+    if (!(in >> pid) || pid <= 0)
+        return -1;
+    return static_cast<pid_t>(pid);
+}
+
+bool queueManagerRuns(pid_t master)
+{
+    return process::walkProcesses([master](pid_t, pid_t ppid, const std::string &name) {
+        return ppid == master && name == "qmgr";
+    });
+}
+
+void sleepOneSecond()
+{
+    timespec left = {1, 0};
+    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+} // namespace
+
+int ServiceManager::rcCommand(const std::string &action)
+{
+    return runInitScript(scriptPath, action);
+}
+
+int ServiceManager::statusServer(long waitSeconds)
+{
+    for (long attempt = 0;; ++attempt) {
+        const pid_t master = readMasterPid();
+        if (master != -1 && queueManagerRuns(master))
+            return 0;
+        if (attempt >= waitSeconds)
+            return 1;
+        sleepOneSecond();
+    }
+}
+
+int ServiceManager::startServer()
+{
+    if (statusServer(0) == 0)
+        return 0;
+    const int code = rcCommand("start");
+    return code != 0 ? code : statusServer(5);
+}
+
+int ServiceManager::stopServer()
+{
+    if (statusServer(0) != 0)
+        return 0;
+    return rcCommand("stop");
+}
+
+int ServiceManager::restartServer()
+{
+    const int code = rcCommand("restart");
+    return code != 0 ? code : statusServer(5);
+}
+
+int ServiceManager::reloadServer()
+{
+    return rcCommand("reload");
+}
+
+void ServiceManager::setPathsForTesting(const std::string &script, const std::string &pidFile)
+{
+    scriptPath = script.empty() ? initScript : script;
+    pidFilePath = pidFile.empty() ? masterPidFile : pidFile;
+}
+
+} // namespace postfix
+} // namespace mail
+} // namespace zarnet

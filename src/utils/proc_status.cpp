@@ -1,0 +1,145 @@
+#include "utils/proc_status.h"
+
+#include "utils/ExSystemError.h"
+#include "utils/fd_io.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+namespace zarnet {
+namespace process {
+
+namespace {
+
+const char procRoot[] = "/proc";
+
+struct DirCloser {
+    void operator()(DIR *d) const { ::closedir(d); }
+};
+
+bool allDigits(const char *s)
+{
+    if (*s == '\0')
+        return false;
+    for (; *s != '\0'; ++s)
+        if (*s < '0' || *s > '9')
+            return false;
+    return true;
+}
+
+// The pids listed now; read in one pass so visitors may start or signal
+// processes without disturbing the listing.
+std::vector<pid_t> listPids()
+{
+    std::unique_ptr<DIR, DirCloser> dir(::opendir(procRoot));
+    if (!dir)
+        throwSystemError("opendir /proc");
+    std::vector<pid_t> pids;
+    for (;;) {
+        errno = 0;
+        const dirent *d = ::readdir(dir.get());
+        if (d == nullptr) {
+            if (errno != 0)
+                throwSystemError("readdir /proc");
+            break;
+        }
+        if (!allDigits(d->d_name))
+            continue;
+        const long pid = std::strtol(d->d_name, nullptr, 10);
+        if (pid > 0 && pid <= INT_MAX)
+            pids.push_back(static_cast<pid_t>(pid));
+    }
+    return pids;
+}
+
+std::string procPath(pid_t pid, const char *entry)
+{
+    return std::string(procRoot) + "/" + std::to_string(pid) + "/" + entry;
+}
+
+// The parent pid and name from /proc/<pid>/stat. The name sits in
+// parentheses and may itself hold blanks and parentheses, so it ends at the
+// last ")".
+bool readStat(pid_t pid, pid_t &ppid, std::string &name)
+{
+    const int fd = fd_io::open_retry(procPath(pid, "stat").c_str(), O_RDONLY);
+    if (fd < 0)
+        return false;
+    char buf[1024];
+    const ssize_t n = fd_io::read_retry(fd, buf, sizeof buf - 1);
+    fd_io::close_quietly(fd);
+    if (n <= 0)
+        return false;
+    const std::string line(buf, static_cast<std::size_t>(n));
+    const std::size_t open = line.find('(');
+    const std::size_t close = line.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close < open)
+        return false;
+    // ") S 1234 ...": the state, then the parent pid
+    const std::size_t fields = close + 2;
+    if (fields + 2 >= line.size())
+        return false;
+    char *end = nullptr;
+    const long parent = std::strtol(line.c_str() + fields + 2, &end, 10);
+    if (end == line.c_str() + fields + 2 || parent < 0 || parent > INT_MAX)
+        return false;
+    ppid = static_cast<pid_t>(parent);
+    name = line.substr(open + 1, close - open - 1);
+    return true;
+}
+
+bool runs(pid_t pid, const std::string &path)
+{
+    char target[PATH_MAX + 1];
+    const ssize_t n = ::readlink(procPath(pid, "exe").c_str(), target, sizeof target);
+    if (n < 0 || static_cast<std::size_t>(n) >= sizeof target)
+        return false;
+    return path.compare(0, std::string::npos, target, static_cast<std::size_t>(n)) == 0;
+}
+
+} // namespace
+
+bool walkProcesses(const ProcessVisitor &visit)
+{
+    for (pid_t pid : listPids()) {
+        pid_t ppid = 0;
+        std::string name;
+        if (readStat(pid, ppid, name) && visit(pid, ppid, name))
+            return true;
+    }
+    return false;
+}
+
+pid_t findProcessByPath(const std::string &path)
+{
+    for (pid_t pid : listPids())
+        if (runs(pid, path))
+            return pid;
+    return -1;
+}
+
+int killproc(const std::string &path, int sig)
+{
+    const pid_t self = ::getpid();
+    int count = 0;
+    for (pid_t pid : listPids()) {
+        if (pid == self || !runs(pid, path))
+            continue;
+        if (::kill(pid, sig) == 0)
+            ++count;
+        else if (errno != ESRCH)
+            throwSystemError("kill");
+    }
+    return count;
+}
+
+} // namespace process
+} // namespace zarnet
