@@ -1,6 +1,5 @@
 #include "mail/attachments.h"
 
-#include "utils/copy_file.h"
 #include "utils/fd_io.h"
 #include "utils/idn.h"
 #include "utils/product_log.h"
@@ -18,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -65,18 +65,87 @@ std::string attachmentDir(const std::string &ascii, const char *mailname)
     return domainRoot(ascii) + "/" + mailname + "/@attachments";
 }
 
-// The attachment directory as a real directory, not a link the mailbox's
-// owner put in its place.
-bool realDirectory(const std::string &dir)
+// The attachment directory, opened without following a link the mailbox's
+// owner may have put in its place; -1 with errno.
+int openAttachmentDir(const std::string &ascii, const char *mailname)
 {
-    struct stat st;
-    if (::lstat(dir.c_str(), &st) != 0)
-        return false;
-    if (!S_ISDIR(st.st_mode)) {
-        errno = ENOTDIR;
+    const int home =
+        fd_io::open_retry((domainRoot(ascii) + "/" + mailname).c_str(), O_RDONLY | O_DIRECTORY);
+    if (home < 0)
+        return -1;
+    const int fd = fd_io::openat_retry(home, "@attachments", O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    fd_io::close_quietly(home);
+    return fd;
+}
+
+// A new file of ours in dir; -1 with errno.
+int createTemporary(int dir, std::string &tmp)
+{
+    std::random_device random;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        char buf[32];
+        std::snprintf(buf, sizeof buf, ".attachment.%08x", static_cast<unsigned>(random()));
+        tmp = buf;
+        const int fd = fd_io::openat_retry(dir, tmp.c_str(),
+                                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+        if (fd >= 0 || errno != EEXIST)
+            return fd;
+    }
+    return -1;
+}
+
+// Copies source into a new file in dir and renames it over name: whatever
+// the owner left under that name (a link, a hard link to another file) is
+// replaced, never written through. false with errno after the copy's report.
+bool copyIn(int dir, const char *source, const char *name, const std::string &target,
+            bool &mode_failed)
+{
+    const int in = fd_io::open_retry(source, O_RDONLY);
+    if (in < 0) {
+        report("Unable to open file %s: %s", source, std::strerror(errno));
         return false;
     }
-    return true;
+    std::string tmp;
+    const int out = createTemporary(dir, tmp);
+    if (out < 0) {
+        const int saved = errno;
+        report("Unable to open file %s: %s", target.c_str(), std::strerror(saved));
+        fd_io::close_quietly(in);
+        errno = saved;
+        return false;
+    }
+    char buf[4096];
+    bool ok = true;
+    for (;;) {
+        errno = 0;
+        const ssize_t got = fd_io::read_retry(in, buf, sizeof buf);
+        if (got == 0)
+            break;
+        if (got < 0 || fd_io::write_all(out, buf, static_cast<size_t>(got)) != got) {
+            if (got >= 0 && errno == 0)
+                errno = EIO;
+            ok = false;
+            break;
+        }
+    }
+    if (ok && ::fchmod(out, 0644) != 0) {
+        mode_failed = true;
+        ok = false;
+    }
+    int saved = errno;
+    fd_io::close_quietly(in);
+    if (fd_io::close_fd(out) != 0 && ok) {
+        ok = false;
+        saved = errno;
+    }
+    if (ok && ::renameat(dir, tmp.c_str(), dir, name) != 0) {
+        ok = false;
+        saved = errno;
+    }
+    if (!ok)
+        ::unlinkat(dir, tmp.c_str(), 0);
+    errno = saved;
+    return ok;
 }
 
 long long sizeOf(const struct stat &st, int in_blocks)
@@ -178,18 +247,16 @@ int add_attachment(const char *mailname, const char *domain, const char *source,
     std::string ascii;
     if (!asciiDomain(domain, ascii, false))
         return -1;
-    const std::string dir = attachmentDir(ascii, mailname);
-    const std::string target = dir + "/" + name;
-    struct stat st;
-    if (!realDirectory(dir) ||
-        (::lstat(target.c_str(), &st) == 0 && S_ISLNK(st.st_mode) &&
-         ::unlink(target.c_str()) != 0) ||
-        copy_file(source, target.c_str()) != 0) {
-        messlog2(0, 0, "Unable to copy the attachment file %s to %s\n", source, target.c_str());
-        return -1;
-    }
-    if (::chmod(target.c_str(), 0644) != 0) {
-        messlog2(0, 0, "Unable to set mode 0644 on the attachment file %s\n", target.c_str());
+    const std::string target = attachmentDir(ascii, mailname) + "/" + name;
+    bool mode_failed = false;
+    const int dir = openAttachmentDir(ascii, mailname);
+    const bool ok = dir >= 0 && copyIn(dir, source, name, target, mode_failed);
+    fd_io::close_quietly(dir);
+    if (!ok) {
+        if (mode_failed)
+            messlog2(0, 0, "Unable to set mode 0644 on the attachment file %s\n", target.c_str());
+        else
+            messlog2(0, 0, "Unable to copy the attachment file %s to %s\n", source, target.c_str());
         return -1;
     }
     return 0;
@@ -200,12 +267,14 @@ int remove_attachment(const char *mailname, const char *domain, const char *name
     std::string ascii;
     if (!asciiDomain(domain, ascii, false))
         return -1;
-    const std::string dir = attachmentDir(ascii, mailname);
-    const std::string target = dir + "/" + name;
-    if (!realDirectory(dir) || ::unlink(target.c_str()) != 0) {
+    const std::string target = attachmentDir(ascii, mailname) + "/" + name;
+    const int dir = openAttachmentDir(ascii, mailname);
+    if (dir < 0 || ::unlinkat(dir, name, 0) != 0) {
         report("Unable to delete the attachment file %s: %s\n", target.c_str(),
                std::strerror(errno));
+        fd_io::close_quietly(dir);
         return -1;
     }
+    fd_io::close_quietly(dir);
     return 0;
 }

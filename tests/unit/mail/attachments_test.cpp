@@ -100,6 +100,10 @@ TEST(Attachments, AddAndRemoveNeverFollowTheOwnersLinks)
     ASSERT_EQ(add_attachment("info", "example.com", upload.c_str(), "link.txt"), 0);
     EXPECT_EQ(slurp(outside), "keep") << "wrote through a link";
     EXPECT_FALSE(fs::is_symlink(dir + "/link.txt"));
+    fs::create_hard_link(outside, dir + "/hard.txt");
+    ASSERT_EQ(add_attachment("info", "example.com", upload.c_str(), "hard.txt"), 0);
+    EXPECT_EQ(slurp(outside), "keep") << "wrote through a hard link";
+    EXPECT_EQ(slurp(dir + "/hard.txt"), "attached");
 
     const auto r = runInChild([&] {
         return add_attachment("evil", "example.com", upload.c_str(), "outside") == -1 &&
