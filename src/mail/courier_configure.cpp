@@ -63,7 +63,6 @@ std::string edited(const std::string &text, const courier_param *params)
     bool seen[kMaxParams] = {};
     std::string out;
     out.reserve(text.size() + 256);
-    bool tail_reported = false;
     for (size_t start = 0; start < text.size();) {
         size_t end = text.find('\n', start);
         end = end == std::string::npos ? text.size() : end + 1;
@@ -73,9 +72,7 @@ std::string edited(const std::string &text, const courier_param *params)
         bool copy = true;
         for (int i = 0; params[i].name != nullptr; ++i) {
             if (i >= kMaxParams) {
-                if (!tail_reported)
-                    report_plain("Too many variables specified, tail is ignored\n");
-                tail_reported = true;
+                report_plain("Too many variables specified, tail is ignored\n");
                 break;
             }
             if (!sets(line, params[i].name))
@@ -107,12 +104,12 @@ int edit_file(const char *name, const courier_param *params)
         return -1;
     }
 
+    std::string tmp = path + ".XXXXXX";
     const int in = fd_io::open_retry(path.c_str(), O_RDONLY);
     if (in < 0) {
         messlog2(0, 0, "Unable to open %s: %s\n", path.c_str(), std::strerror(errno));
         return 0;
     }
-    std::string tmp = path + ".XXXXXX";
     const int out = mkostemp(&tmp[0], O_CLOEXEC);
     if (out < 0) {
         messlog2(0, 0, "Unable to create temporary file for %s: %s\n", path.c_str(),
@@ -121,11 +118,20 @@ int edit_file(const char *name, const courier_param *params)
         return -1;
     }
 
-    std::string text;
-    bool ok = read_all(in, &text);
+    std::string text, result;
+    bool ok;
+    try {
+        ok = read_all(in, &text);
+        if (ok)
+            result = edited(text, params);
+    } catch (const std::bad_alloc &) {
+        fd_io::close_quietly(in);
+        fd_io::close_quietly(out);
+        unlink(tmp.c_str());
+        throw;
+    }
     fd_io::close_quietly(in);
     if (ok) {
-        const std::string result = edited(text, params);
         errno = 0;
         ok = fd_io::write_all(out, result.data(), result.size()) ==
                  static_cast<ssize_t>(result.size()) &&

@@ -141,8 +141,10 @@ TEST_F(CourierConfigure, FailuresStopAtTheirFile)
          "System error 21: Is a directory\n",
          {popauth, popauth, "-", "A=1\n"}},
         {"restart_result_dropped", [] {}, 5, 0, 15, "", {popauth, popauth, popauth, popauth}},
-        {"records_past_31_used", [] {}, 0, 32, 10, tooMany + tooMany + tooMany + tooMany,
-         {"A=1\n" + first31, "A=1\n" + first31, "A=1\n" + first31, "A=1\n" + first31}},
+        {"records_past_31_used_or_tail_reported_once", [&] { fill("A=1\nB=2\n"); }, 0, 32, 10,
+         tooMany + tooMany + tooMany + tooMany + tooMany + tooMany + tooMany + tooMany,
+         {"A=1\nB=2\n" + first31, "A=1\nB=2\n" + first31, "A=1\nB=2\n" + first31,
+          "A=1\nB=2\n" + first31}},
     };
     for (const auto &c : cases) {
         std::filesystem::remove_all(dir_);
