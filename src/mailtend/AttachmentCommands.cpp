@@ -4,9 +4,7 @@
 #include "mailtend/CommandNames.h"
 #include "mailtend/MailnameArguments.h"
 #include "mailtend/ProgramOptionsHelper.h"
-#include "utils/UtilityErrorStream.h"
 
-#include <cstdlib>
 #include <iostream>
 #include <string>
 
@@ -18,13 +16,6 @@ namespace mailtend_commands {
 namespace po = boost::program_options;
 
 namespace {
-
-[[noreturn]] void refuse(const ProgramOptionsHelper &helper, const char *message)
-{
-    uerr << message << std::endl;
-    helper.printHelp(std::cout);
-    std::exit(1);
-}
 
 std::string attachmentName(const ProgramOptionsHelper &helper)
 {
@@ -50,12 +41,11 @@ int listAttachments(int argc, char **argv)
     const bool all = vm.count("mail-all") != 0;
     const bool named = vm.count("mailname") != 0;
     if (all && named)
-        refuse(helper, "you should not use --mailname and --mail-all together");
+        optionError(helper, "you should not use --mailname and --mail-all together");
     if (!all && !named)
-        refuse(helper, "neither --mailname nor --mail-all are specified");
+        optionError(helper, "neither --mailname nor --mail-all are specified");
 
-    const std::string domain = asciiDomain(vm["domain-name"].as<std::string>());
-    checkPathComponent("domain name", domain);
+    const std::string domain = storeDomain(vm["domain-name"].as<std::string>());
     const int in_blocks = vm.count("in-blocks") != 0;
     const int fullname = vm.count("fullname") != 0;
     int result;

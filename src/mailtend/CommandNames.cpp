@@ -24,6 +24,13 @@ void checkPathComponent(const char *kind, const std::string &name)
         throw std::invalid_argument(std::string("invalid ") + kind + " '" + name + "'");
 }
 
+std::string storeDomain(const std::string &name)
+{
+    std::string domain = asciiDomain(name);
+    checkPathComponent("domain name", domain);
+    return domain;
+}
+
 } // namespace mailtend_commands
 } // namespace postfix
 } // namespace mail

@@ -22,6 +22,10 @@ std::string asciiDomain(const std::string &name);
 // Commands that skip the mailname syntax check still run this one.
 void checkPathComponent(const char *kind, const std::string &name);
 
+// asciiDomain followed by the one-directory-level check: the form of a
+// domain that will name a table key or a directory.
+std::string storeDomain(const std::string &name);
+
 } // namespace mailtend_commands
 } // namespace postfix
 } // namespace mail

@@ -25,9 +25,7 @@ std::string asciiDomainList(const std::string &list)
 {
     std::string converted;
     for (const std::string &name : split_domain_list(list)) {
-        const std::string domain = asciiDomain(name);
-        checkPathComponent("domain name", domain);
-        converted += (converted.empty() ? "" : ",") + domain;
+        converted += (converted.empty() ? "" : ",") + storeDomain(name);
     }
     if (converted.empty())
         throw std::invalid_argument("invalid domain name '" + list + "'");
@@ -44,8 +42,7 @@ int setDomainDiskQuota(int argc, char **argv)
     helper.addOptions()("domain-name", po::value<std::string>(), "domain name", true)(
         "disk-quota", po::value<int64_t>(), "disk quota", true);
     standardOptionsParse(helper, argc, argv);
-    const std::string domain = asciiDomain(helper.variables["domain-name"].as<std::string>());
-    checkPathComponent("domain name", domain);
+    const std::string domain = storeDomain(helper.variables["domain-name"].as<std::string>());
 
     MaildirPPManager::getInstance().setDomainQuota(domain,
                                                    helper.variables["disk-quota"].as<int64_t>());

@@ -47,13 +47,6 @@ struct Handler {
 
 enum class Kind { Add, Update, Other };
 
-[[noreturn]] void refuse(const ProgramOptionsHelper &helper, const std::string &message)
-{
-    uerr << message << std::endl;
-    helper.printHelp(std::cout);
-    std::exit(1);
-}
-
 void declare(ProgramOptionsHelper &helper, Kind kind)
 {
     const bool add = kind == Kind::Add;
@@ -89,24 +82,24 @@ Handler parse(ProgramOptionsHelper &helper, int argc, char **argv)
     const std::string type_text = vm["handler-type"].as<std::string>();
     const int type = get_handler_type(type_text.c_str());
     if (type == HANDLER_TYPE_UNKNOWN)
-        refuse(helper, "unknown handler type \"" + type_text +
+        optionError(helper, "unknown handler type \"" + type_text +
                            "\" (one of global, sender, recipient, sender-domain, "
                            "recipient-domain)");
     h.type = handler_type_name(type);
     h.hook = vm["hook"].as<std::string>();
     if (std::find(std::begin(hooks), std::end(hooks), h.hook) == std::end(hooks))
-        refuse(helper, "unknown hook \"" + h.hook +
+        optionError(helper, "unknown hook \"" + h.hook +
                            "\" (one of before-queue, before-local, before-remote)");
     const bool named = vm.count("handler-type-name") != 0;
     if (type == HANDLER_TYPE_GLOBAL && named)
-        refuse(helper, "option \"--handler-type-name\" does not apply to handler type \"global\"");
+        optionError(helper, "option \"--handler-type-name\" does not apply to handler type \"global\"");
     if (type != HANDLER_TYPE_GLOBAL && !named)
-        refuse(helper, "option \"--handler-type-name\" is required for handler type \"" + h.type +
+        optionError(helper, "option \"--handler-type-name\" is required for handler type \"" + h.type +
                            "\"");
     if (vm.count("priority") != 0) {
         const std::string priority = vm["priority"].as<std::string>();
         if (priority.empty() || priority.find_first_not_of("0123456789") != std::string::npos)
-            refuse(helper, "handler priority \"" + priority + "\" is not a decimal number");
+            optionError(helper, "handler priority \"" + priority + "\" is not a decimal number");
     }
     checkPathComponent("handler name", h.tmpl);
     if (named) {

@@ -19,11 +19,10 @@ void declareMailnameOptions(ProgramOptionsHelper &helper)
 MailnameArguments mailnameArguments(const ProgramOptionsHelper &helper, MailnameCheck check)
 {
     MailnameArguments args;
-    args.domain = asciiDomain(helper.variables["domain-name"].as<std::string>());
+    args.domain = storeDomain(helper.variables["domain-name"].as<std::string>());
     args.mailname = helper.variables["mailname"].as<std::string>();
     if (check == MailnameCheck::Syntax)
         mailname_validators::mailValidateExc(args.mailname);
-    checkPathComponent("domain name", args.domain);
     checkPathComponent("mailname", args.mailname);
     return args;
 }

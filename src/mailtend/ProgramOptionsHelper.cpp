@@ -102,10 +102,15 @@ void standardOptionsParse(ProgramOptionsHelper &helper, int argc, char **argv)
         }
         helper.checkMandatory();
     } catch (const po::error &e) {
-        uerr << e.what() << std::endl;
-        helper.printHelp(std::cout);
-        std::exit(1);
+        optionError(helper, e.what());
     }
+}
+
+void optionError(const ProgramOptionsHelper &helper, const std::string &message)
+{
+    uerr << message << std::endl;
+    helper.printHelp(std::cout);
+    std::exit(1);
 }
 
 } // namespace mailtend_commands

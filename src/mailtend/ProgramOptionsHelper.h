@@ -64,6 +64,11 @@ private:
 
 void standardOptionsParse(ProgramOptionsHelper &helper, int argc, char **argv);
 
+// Ends the run as an option error does: the message on zarnet::uerr, the help
+// block on standard output, exit status 1. For checks the parser cannot make
+// (combinations, values of a closed set).
+[[noreturn]] void optionError(const ProgramOptionsHelper &helper, const std::string &message);
+
 } // namespace mailtend_commands
 } // namespace postfix
 } // namespace mail
