@@ -1,6 +1,6 @@
 #include "mailtend/AttachmentCommands.h"
 
-#include "mail/attachments.h"
+#include "mail/storage/attachments.h"
 #include "mailtend/CommandNames.h"
 #include "mailtend/MailnameArguments.h"
 #include "mailtend/ProgramOptionsHelper.h"

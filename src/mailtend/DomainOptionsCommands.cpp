@@ -1,7 +1,7 @@
 #include "mailtend/DomainOptionsCommands.h"
 
-#include "mail/MaildirPPManager.h"
-#include "mail/domain_keys.h"
+#include "mail/storage/MaildirPPManager.h"
+#include "mail/dns/domain_keys.h"
 #include "mailtend/CommandNames.h"
 #include "mailtend/ProgramOptionsHelper.h"
 

@@ -1,7 +1,7 @@
 #include "mailtend/HandlerCommands.h"
 
-#include "mail/handlers.h"
-#include "mail/handlers_mass.h"
+#include "mail/handlers/handlers.h"
+#include "mail/handlers/handlers_mass.h"
 #include "mailtend/CommandNames.h"
 #include "mailtend/ProgramOptionsHelper.h"
 #include "utils/UtilityErrorStream.h"

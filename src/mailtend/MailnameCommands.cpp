@@ -1,6 +1,6 @@
 #include "mailtend/MailnameCommands.h"
 
-#include "mail/mail_authenticate.h"
+#include "mail/auth/mail_authenticate.h"
 #include "mail/postfix/MailnameManager.h"
 #include "mailtend/MailnameArguments.h"
 #include "mailtend/ProgramOptionsHelper.h"

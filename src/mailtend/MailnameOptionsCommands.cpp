@@ -1,9 +1,9 @@
 #include "mailtend/MailnameOptionsCommands.h"
 
-#include "mail/MaildirPPManager.h"
-#include "mail/autoresponder.h"
-#include "mail/handlers.h"
-#include "mail/mailbox_size.h"
+#include "mail/storage/MaildirPPManager.h"
+#include "mail/handlers/autoresponder.h"
+#include "mail/handlers/handlers.h"
+#include "mail/storage/mailbox_size.h"
 #include "mail/postfix/MailnameManager.h"
 #include "mailtend/MailnameArguments.h"
 #include "mailtend/ProgramOptionsHelper.h"

@@ -1,10 +1,10 @@
 #include "mailtend/ServerOptionsCommands.h"
 
-#include "mail/courier_configure.h"
+#include "mail/services/courier_configure.h"
 #include "mail/postfix/MainCfManager.h"
 #include "mail/postfix/ServiceManager.h"
 #include "mail/postfix/SettingsManager.h"
-#include "mail/spf_control.h"
+#include "mail/dns/spf_control.h"
 #include "mailtend/CommandNames.h"
 #include "mailtend/OptionTypes.h"
 #include "mailtend/ProgramOptionsHelper.h"

@@ -1,7 +1,7 @@
 #include "mailtend/ServiceCommands.h"
 
 #include "mail/postfix/ServiceManager.h"
-#include "mail/service_scripts.h"
+#include "mail/services/service_scripts.h"
 
 namespace zarnet {
 namespace mail {

@@ -1,6 +1,6 @@
 #include "mailtend/do_main.h"
 
-#include "mail/mail_database.h"
+#include "mail/auth/mail_database.h"
 #include "mailtend/usage.h"
 #include "utils/Traceback.h"
 #include "utils/UtilityErrorStream.h"

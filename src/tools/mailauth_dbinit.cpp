@@ -1,6 +1,6 @@
 // mailauth-dbinit [STYLE]: the installer's way to create the mail
 // authentication database. It deletes whatever database is there.
-#include "mail/mail_database.h"
+#include "mail/auth/mail_database.h"
 
 #include <cstdio>
 #include <cstring>

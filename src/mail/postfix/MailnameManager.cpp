@@ -1,7 +1,7 @@
 #include "mail/postfix/MailnameManager.h"
 
-#include "mail/DotQMailManager.h"
-#include "mail/MaildirManager.h"
+#include "mail/storage/DotQMailManager.h"
+#include "mail/storage/MaildirManager.h"
 
 namespace zarnet {
 namespace mail {

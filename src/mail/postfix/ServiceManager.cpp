@@ -1,6 +1,6 @@
 #include "mail/postfix/ServiceManager.h"
 
-#include "mail/service_scripts.h"
+#include "mail/services/service_scripts.h"
 #include "utils/proc_status.h"
 
 #include <cerrno>

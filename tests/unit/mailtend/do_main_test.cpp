@@ -1,6 +1,6 @@
 #include "mailtend/do_main.h"
 
-#include "mail/mail_database.h"
+#include "mail/auth/mail_database.h"
 #include "mail/postfix/PostfixError.h"
 #include "support/child_capture.h"
 #include "utils/ExSystemError.h"

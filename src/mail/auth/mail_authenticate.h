@@ -1,0 +1,93 @@
+// Records of the mail authentication database, the password handed over in
+// the environment, and the spreading of a change over the domain aliases and
+// mail aliases the panel lists.
+//
+// Every record function opens the database at mailAuthDB, works with bound
+// parameters only, and finalises and closes everything before it returns 0,
+// or -1 after one zarnet_log report at level 3 per failing layer. Names are
+// NUL-terminated: mailname = local part, domain = ASCII domain name.
+#ifndef MAILTEND_MAIL_AUTH_MAIL_AUTHENTICATE_H
+#define MAILTEND_MAIL_AUTH_MAIL_AUTHENTICATE_H
+
+#include <sqlite3.h>
+
+// Password flags of mailAuthSet and mailAuthClone; the walks hand the same
+// bits to their callback.
+enum {
+    MAIL_AUTH_ENCRYPTED = 1,       // stored in cmusaslsecretPLAIN, else userPassword
+    MAIL_AUTH_USER_DISABLED = 2,   // user status 1
+    MAIL_AUTH_DOMAIN_DISABLED = 4, // status 1 of a domain row created by the store
+};
+
+// getDomainId flag: look the domain up, never create it.
+const unsigned char MAIL_AUTH_NO_CREATE = 8;
+
+// The id of domain's row in the database open in *db. A missing row is
+// created (status 1 when flags is non-zero) unless MAIL_AUTH_NO_CREATE is
+// set, when -1 is returned without a report. On a database failure the
+// handle is closed, *db becomes null and -1 is returned.
+sqlite3_int64 getDomainId(const char *domain, sqlite3 **db, unsigned char flags);
+
+// Stores the user, replacing its row (and its id); creates the domain.
+int mailAuthSet(const char *mailname, const char *domain, const char *password, int flags);
+// Removing from a domain without a row succeeds.
+int mailAuthRemove(const char *mailname, const char *domain);
+int mailAuthRename(const char *old_mailname, const char *new_mailname, const char *domain);
+// Stores the source user's password, status and domain status under the
+// target name; a missing source user gives 0 and writes nothing.
+int mailAuthClone(const char *src_mailname, const char *src_domain, const char *dst_mailname,
+                  const char *dst_domain);
+
+int setDomainStatus(const char *domain, int status);
+int mailAuthEnableDomain(const char *domain);
+int mailAuthDisableDomain(const char *domain);
+int mailAuthRenameDomain(const char *old_domain, const char *new_domain);
+// The domain's users go with it.
+int mailAuthRemoveDomain(const char *domain);
+
+// Read-only walks. The callback gets "mailname@domain", the password (the
+// encrypted one when stored, else the plain one) and the flag bits above.
+typedef void (*mailAuthCallback)(const char *address, const char *password, int flags,
+                                 void *data);
+// One full address; no such user, or one without any password, is -1.
+int mailAuthCheck(const char *address, mailAuthCallback callback, void *data);
+// The mailname in every domain.
+int mailAuthCheckShort(const char *mailname, mailAuthCallback callback, void *data);
+// Every user, ordered by domain and mailname.
+int mailAuthIterateAll(mailAuthCallback callback, void *data);
+
+// The password the panel put in the environment: ZRN_PASSWORD (kind 0,
+// plain) before ZRN_CRYPTED_PASSWORD (kind 1). The variable used is removed;
+// the text stays valid for the process. -1 when neither holds a value.
+int get_env_password(const char **password, int *kind);
+// ZRN_PASSWORD (removed), kept in a process-wide buffer; "" when unset.
+const char *get_env_noncrypted_password();
+// An MD5-crypt form of ZRN_PASSWORD, else ZRN_CRYPTED_PASSWORD as it is;
+// both variables are removed. Kept in a process-wide buffer; "" when crypt
+// fails.
+const char *get_env_crypted_password();
+
+// Spreading functions: -1 on failure (stopping at the first failing item),
+// 0 when a panel list came back empty, 1 when a list was walked.
+
+// Empty or null password: removes the user; otherwise stores it. 0 or -1.
+int set_postbox_passwd(const char *mailname, const char *domain, const char *password, int flags);
+// In the domain and each of its domain aliases.
+int set_passwd_for_domains(const char *mailname, const char *domain, const char *password,
+                           int flags);
+// For the mailname and each of its mail aliases, in the domain and its aliases.
+int set_mass_postbox_passwd(const char *mailname, const char *domain, const char *password,
+                            int flags);
+int rm_mname_from_domains(const char *mailname, const char *domain);
+// The mailname and its mail aliases, from the domain and its aliases.
+int rm_mails_from_domains(const char *mailname, const char *domain);
+// action (mailAuthRemoveDomain, mailAuthEnableDomain or mailAuthDisableDomain)
+// on the domain and each domain alias; action_text names it in reports.
+int domain_auth_action(const char *domain, int (*action)(const char *domain),
+                       const char *action_text);
+// Clones every mailname of the domain, and its mail aliases, into the alias.
+int add_domain_auth_alias(const char *domain, const char *alias);
+// Removes the alias's domain row and its mail aliases' records.
+int rm_domain_auth_alias(const char *alias);
+
+#endif

@@ -1,0 +1,44 @@
+// Pieces of the handler store shared by its two source files.
+#ifndef MAILTEND_MAIL_HANDLERS_HANDLERS_INTERNAL_H
+#define MAILTEND_MAIL_HANDLERS_HANDLERS_INTERNAL_H
+
+#include <string>
+#include <vector>
+
+namespace handlers_internal {
+
+const std::string &root();
+std::string infoDir();
+
+// Formed paths longer than this are refused with the caller's message.
+bool fitsPath(const std::string &path);
+
+// Scope of one public store call: the refresh program runs once, when the
+// outermost scope ends and something was changed within it.
+class RefreshScope {
+public:
+    RefreshScope();
+    ~RefreshScope();
+    RefreshScope(const RefreshScope &) = delete;
+    RefreshScope &operator=(const RefreshScope &) = delete;
+};
+void markChanged();
+
+// The handler names in the information directory, sorted by
+// handlers_compare. A missing directory is an empty store; other failures
+// give -1 after "Unable to open directory %s: %s".
+int listHandlers(std::vector<std::string> &names);
+
+// A parameter's first line; false (quietly when quiet) if unreadable.
+bool readParameter(const std::string &name, const char *parameter, std::string &value,
+                   bool quiet);
+
+// The parts of PRIORITY-TEMPLATE-RANDOM; false when the name does not split.
+struct NameParts {
+    std::string priority, tmpl, random;
+};
+bool splitName(const std::string &name, NameParts &parts);
+
+} // namespace handlers_internal
+
+#endif

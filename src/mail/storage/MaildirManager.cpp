@@ -1,0 +1,293 @@
+#include "mail/storage/MaildirManager.h"
+
+#include "mail/storage/MaildirPPManager.h"
+#include "utils/ExSystemError.h"
+#include "utils/FdOwner.h"
+#include "utils/fd_io.h"
+#include "utils/file_tree.h"
+#include "utils/read_configuration.h"
+
+#include <boost/filesystem/operations.hpp>
+#include <boost/system/error_code.hpp>
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <exception>
+
+namespace fs = boost::filesystem;
+
+namespace zarnet {
+namespace mail {
+
+namespace {
+
+using zarnet::process::FdOwner;
+
+class UmaskGuard {
+public:
+    explicit UmaskGuard(mode_t mask) : old_(::umask(mask)) {}
+    ~UmaskGuard() { ::umask(old_); }
+    UmaskGuard(const UmaskGuard &) = delete;
+    UmaskGuard &operator=(const UmaskGuard &) = delete;
+
+private:
+    mode_t old_;
+};
+
+[[noreturn]] void throwFs(const char *what, const fs::path &path, int code)
+{
+    errno = code;
+    throw fs::filesystem_error(what, path,
+                               boost::system::error_code(code, boost::system::system_category()));
+}
+
+// A name that is empty, "." or ".." or holds a slash would make the path
+// land on the mail-names root or outside the domain, and a removal there
+// would take every mailbox with it.
+void checkComponent(const std::string &name, const fs::path &path)
+{
+    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos)
+        throwFs("invalid name", path, EINVAL);
+}
+
+void ownPath(const fs::path &path, uid_t uid, gid_t gid, mode_t mode)
+{
+    if (fd_io::retry_eintr([&] { return ::chown(path.c_str(), uid, gid); }) != 0)
+        throwFs("chown", path, errno);
+    if (fd_io::retry_eintr([&] { return ::chmod(path.c_str(), mode); }) != 0)
+        throwFs("chmod", path, errno);
+}
+
+// Everything below a home is writable by popuser, who could put a symbolic
+// link where a folder should be and have root create folders in, or give
+// away, what it points at. So each folder is made and opened relative to its
+// already opened parent, without following a link, and changed through that
+// descriptor.
+FdOwner makeBelow(int parentFd, const char *name, const fs::path &path, uid_t uid, gid_t gid)
+{
+    if (fd_io::retry_eintr([&] { return ::mkdirat(parentFd, name, 0700); }) != 0) {
+        const int code = errno;
+        struct stat st;
+        // Read-only, so following a link here is harmless; the open below
+        // refuses one.
+        if (code != EEXIST || ::fstatat(parentFd, name, &st, 0) != 0 || !S_ISDIR(st.st_mode))
+            throwFs("boost::filesystem::create_directory", path, code);
+    }
+    FdOwner fd(fd_io::openat_retry(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+    if (!fd.valid())
+        throwFs("chown", path, errno);
+    if (fd_io::retry_eintr([&] { return ::fchown(fd.get(), uid, gid); }) != 0)
+        throwFs("chown", path, errno);
+    if (fd_io::retry_eintr([&] { return ::fchmod(fd.get(), 0700); }) != 0)
+        throwFs("chmod", path, errno);
+    return fd;
+}
+
+struct HomeDirectory {
+    int parent; // index into this table, -1 for the home itself
+    const char *name;
+};
+
+const HomeDirectory homeDirectories[] = {
+    {-1, "Maildir"}, {0, "tmp"},   {0, "new"},   {0, "cur"},        {0, ".Spam"},
+    {4, "tmp"},      {4, "new"},   {4, "cur"},   {-1, "@attachments"},
+};
+
+// The tree walk never follows a link out of the tree; its failure is worded
+// as the filesystem library words a failed recursive removal.
+void removeTree(const fs::path &path)
+{
+    if (rm_tree_quiet(path.c_str()) != 0)
+        throwFs("boost::filesystem::remove_all", path, errno);
+}
+
+void backupOrThrow(const fs::path &path)
+{
+    fs::path saved;
+    if (!backupRename(path, saved)) {
+        const int code = errno;
+        throw fs::filesystem_error("rename", path, saved,
+                                   boost::system::error_code(code, boost::system::system_category()));
+    }
+}
+
+} // namespace
+
+MaildirManager &MaildirManager::getInstance()
+{
+    return MaildirPPManager::getInstance();
+}
+
+void MaildirManager::init()
+{
+    errno = 0;
+    const struct passwd *pw = ::getpwnam("popuser");
+    if (pw == nullptr)
+        throw SystemError("user popuser not found", errno);
+    uid_ = pw->pw_uid;
+    gid_ = pw->pw_gid;
+}
+
+fs::path MaildirManager::getMailnamesRoot()
+{
+    return fs::path(zrnConfGetDefaultByIndex(ZARNET_MAILNAMES_D));
+}
+
+fs::path MaildirManager::getDomainRelativeRoot(const std::string &domain)
+{
+    return fs::path(domain);
+}
+
+fs::path MaildirManager::getMailnameRelativeHome(const std::string &domain,
+                                                 const std::string &mailname)
+{
+    return fs::path(domain) / mailname;
+}
+
+fs::path MaildirManager::getDomainRoot(const std::string &domain)
+{
+    return getMailnamesRoot() / getDomainRelativeRoot(domain);
+}
+
+fs::path MaildirManager::getMailnameHome(const std::string &domain, const std::string &mailname)
+{
+    return getMailnamesRoot() / getMailnameRelativeHome(domain, mailname);
+}
+
+void MaildirManager::createDomainRoot(const std::string &domain) const
+{
+    const fs::path root = getDomainRoot(domain);
+    checkComponent(domain, root);
+    UmaskGuard mask(077);
+    fs::create_directories(root);
+    ownPath(root, 0, gid_, 0750);
+}
+
+void MaildirManager::createMailnameHome(const std::string &domain,
+                                        const std::string &mailname) const
+{
+    const fs::path home = getMailnameHome(domain, mailname);
+    checkComponent(domain, home);
+    checkComponent(mailname, home);
+    UmaskGuard mask(077);
+
+    std::exception_ptr failure;
+    int failureErrno = 0;
+    try {
+        fs::create_directories(home);
+        // The home's own name sits in the root-owned domain directory, out
+        // of popuser's reach, so it may be opened by its path.
+        FdOwner homeFd(fd_io::open_retry(home.c_str(), O_RDONLY | O_DIRECTORY));
+        if (!homeFd.valid())
+            throwFs("chown", home, errno);
+        if (fd_io::retry_eintr([&] { return ::fchown(homeFd.get(), uid_, gid_); }) != 0)
+            throwFs("chown", home, errno);
+        if (fd_io::retry_eintr([&] { return ::fchmod(homeFd.get(), 0700); }) != 0)
+            throwFs("chmod", home, errno);
+
+        constexpr size_t count = sizeof homeDirectories / sizeof homeDirectories[0];
+        FdOwner opened[count];
+        fs::path relative[count];
+        for (size_t i = 0; i < count; ++i) {
+            const HomeDirectory &d = homeDirectories[i];
+            relative[i] = d.parent < 0 ? fs::path(d.name) : relative[d.parent] / d.name;
+            const int parentFd = d.parent < 0 ? homeFd.get() : opened[d.parent].get();
+            opened[i] = makeBelow(parentFd, d.name, home / relative[i], uid_, gid_);
+        }
+    } catch (const fs::filesystem_error &e) {
+        failureErrno = e.code().value() != 0 ? e.code().value() : errno;
+        failure = std::current_exception();
+    } catch (...) {
+        failureErrno = errno;
+        failure = std::current_exception();
+    }
+    if (!failure)
+        return;
+    rm_tree_quiet(home.c_str());
+    errno = failureErrno;
+    std::rethrow_exception(failure);
+}
+
+void MaildirManager::renameDomainRoot(const std::string &oldDomain,
+                                      const std::string &newDomain) const
+{
+    const fs::path from = getDomainRoot(oldDomain);
+    const fs::path to = getDomainRoot(newDomain);
+    checkComponent(oldDomain, from);
+    checkComponent(newDomain, to);
+    fs::rename(from, to);
+}
+
+void MaildirManager::renameMailnameHome(const std::string &domain, const std::string &oldMailname,
+                                        const std::string &newMailname) const
+{
+    const fs::path from = getMailnameHome(domain, oldMailname);
+    const fs::path to = getMailnameHome(domain, newMailname);
+    checkComponent(domain, from);
+    checkComponent(oldMailname, from);
+    checkComponent(newMailname, to);
+    fs::rename(from, to);
+}
+
+void MaildirManager::backupDomainRoot(const std::string &domain) const
+{
+    const fs::path root = getDomainRoot(domain);
+    checkComponent(domain, root);
+    backupOrThrow(root);
+}
+
+void MaildirManager::backupMailnameHome(const std::string &domain,
+                                        const std::string &mailname) const
+{
+    const fs::path home = getMailnameHome(domain, mailname);
+    checkComponent(domain, home);
+    checkComponent(mailname, home);
+    backupOrThrow(home);
+}
+
+void MaildirManager::removeDomainRoot(const std::string &domain) const
+{
+    const fs::path root = getDomainRoot(domain);
+    checkComponent(domain, root);
+    // The rename aside only keeps readers of the old tree from seeing it
+    // half removed; when it cannot be done the removal asked for still is.
+    fs::path doomed;
+    try {
+        if (!backupRename(root, doomed))
+            doomed = root;
+    } catch (const fs::filesystem_error &) {
+        doomed = root;
+    }
+    if (!doomed.empty())
+        removeTree(doomed);
+}
+
+void MaildirManager::removeMailnameHome(const std::string &domain,
+                                        const std::string &mailname) const
+{
+    const fs::path home = getMailnameHome(domain, mailname);
+    checkComponent(domain, home);
+    checkComponent(mailname, home);
+    removeTree(home);
+}
+
+bool backupRename(const fs::path &path, fs::path &out)
+{
+    struct stat st;
+    if (fd_io::retry_eintr([&] { return ::stat(path.c_str(), &st); }) != 0) {
+        if (errno != ENOENT && errno != ENOTDIR)
+            return false;
+        out = fs::path();
+        return true;
+    }
+    out = fs::path(path.string() + ".ZarnetSaved." + std::to_string(st.st_ino));
+    fs::rename(path, out);
+    return true;
+}
+
+} // namespace mail
+} // namespace zarnet

@@ -1,0 +1,103 @@
+// A handler store in a scratch directory for the handler tests.
+#ifndef MAILTEND_TESTS_MAIL_HANDLERS_FIXTURE_H
+#define MAILTEND_TESTS_MAIL_HANDLERS_FIXTURE_H
+
+#include "mail/handlers/handlers.h"
+
+#include "support/files.h"
+#include "support/temp_dir.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace handlers_test {
+
+// A handler store in a scratch directory, with a refresh program that
+// records its calls and an executable for the handlers.
+class Store {
+public:
+    Store() : temp_("handlers")
+    {
+        root = temp_.path() + "/handlers";
+        exe = temp_.path() + "/filter";
+        testsupport::spit(exe, "#!/bin/sh\nexit 0\n");
+        std::filesystem::permissions(exe, std::filesystem::perms(0755));
+        const std::string refresh = temp_.path() + "/refresh";
+        testsupport::spit(refresh, "#!/bin/sh\necho \"$@\" >> '" + temp_.path() + "/refresh.log'\n");
+        std::filesystem::permissions(refresh, std::filesystem::perms(0755));
+        handlers_set_paths_for_testing(root.c_str(), refresh.c_str());
+    }
+    ~Store() { handlers_set_paths_for_testing(nullptr, nullptr); }
+
+    // Refresh calls since the last look.
+    int refreshes()
+    {
+        const std::string log = testsupport::slurp(temp_.path() + "/refresh.log");
+        const int total = static_cast<int>(std::count(log.begin(), log.end(), '\n'));
+        std::string want;
+        for (int i = 0; i < total; ++i)
+            want += "refresh\n";
+        if (log != want)
+            return -1000; // called without its argument
+        const int fresh = total - seen_;
+        seen_ = total;
+        return fresh;
+    }
+
+    int add(const char *tmpl, const char *type, const char *value, const char *hook = "before-local",
+            const char *priority = "10")
+    {
+        return mail_handler_add(tmpl, type, value, exe.c_str(), "ctx", hook, priority,
+                                HANDLER_ACTION_ENABLE);
+    }
+
+    std::string find(const char *tmpl, const char *type, const char *value,
+                     const char *hook = "before-local")
+    {
+        char *name = get_handler_name(tmpl, type, value, hook);
+        const std::string s = name != nullptr ? name : "";
+        std::free(name);
+        return s;
+    }
+
+    std::string param(const std::string &name, const char *p)
+    {
+        return testsupport::slurp(root + "/info/" + name + "/" + p);
+    }
+
+    // Every queue entry (not the installed executables under "hooks") as "HOOK/...queue: NAME", sorted.
+    std::vector<std::string> entries()
+    {
+        std::vector<std::string> out;
+        if (!std::filesystem::exists(root))
+            return out;
+        for (const auto &e : std::filesystem::recursive_directory_iterator(root)) {
+            const std::string rel = e.path().string().substr(root.size() + 1);
+            if (e.is_regular_file() && rel.rfind("info/", 0) != 0 && rel.rfind("hooks/", 0) != 0)
+                out.push_back(rel);
+        }
+        std::sort(out.begin(), out.end());
+        return out;
+    }
+
+    std::string root, exe;
+
+private:
+    testsupport::TempDir temp_;
+    int seen_ = 0;
+};
+
+inline std::string joined(const std::vector<std::string> &v)
+{
+    std::string s;
+    for (const auto &x : v)
+        s += x + "\n";
+    return s;
+}
+
+} // namespace handlers_test
+
+#endif
