@@ -38,18 +38,30 @@ CString ascii_address(const char *address)
     return ascii;
 }
 
+// "&" and the address in ASCII form; a removal compares whole lines, line
+// feed included. Null after a report.
+CString forward_line(const char *address, bool for_removal)
+{
+    const CString ascii = ascii_address(address);
+    if (!ascii)
+        return nullptr;
+    char *formed = nullptr;
+    if (asprintf(&formed, for_removal ? "&%s\n" : "&%s", ascii.get()) < 0) {
+        dotqmail_fail(errno,
+                      for_removal ? "asprintf(\"&%%s\", %s): %s" : "asprintf(\"&%%s\", %s) failed: %s",
+                      ascii.get(), std::strerror(errno));
+        return nullptr;
+    }
+    return CString(formed);
+}
+
 } // namespace
 
 int dotqmail_add_forward(const char *path, const char *address)
 {
-    const CString ascii = ascii_address(address);
-    if (!ascii)
+    const CString line = forward_line(address, false);
+    if (!line)
         return -1;
-    char *formed = nullptr;
-    if (asprintf(&formed, "&%s", ascii.get()) < 0)
-        return dotqmail_fail(errno, "asprintf(\"&%%s\", %s) failed: %s", ascii.get(), std::strerror(errno));
-    const CString line(formed);
-
     if (dotqmail_refuse_link(path) != 0)
         return dotqmail_fail(errno, "Unable to add string to %s file.", path);
     file_str(path, line.get(), FILE_STR_REMOVE, 0);
@@ -60,14 +72,9 @@ int dotqmail_add_forward(const char *path, const char *address)
 
 int dotqmail_remove_forward(const char *path, const char *address)
 {
-    const CString ascii = ascii_address(address);
-    if (!ascii)
+    const CString line = forward_line(address, true);
+    if (!line)
         return -1;
-    char *formed = nullptr;
-    if (asprintf(&formed, "&%s\n", ascii.get()) < 0)
-        return dotqmail_fail(errno, "asprintf(\"&%%s\", %s): %s", ascii.get(), std::strerror(errno));
-    const CString line(formed);
-
     if (dotqmail_refuse_link(path) != 0)
         return dotqmail_fail(errno, "Unable to remove string from %s file.", path);
     if (file_str(path, line.get(), FILE_STR_REMOVE, 0) != 0)
