@@ -79,6 +79,18 @@ void ownPath(const fs::path &path, uid_t uid, gid_t gid, mode_t mode)
         throwFs("chmod", path, errno);
 }
 
+// Gives the directory opened as fd (a failed open counts as a failed chown)
+// to uid:gid with mode 0700.
+void ownOpened(const FdOwner &fd, const fs::path &path, uid_t uid, gid_t gid)
+{
+    if (!fd.valid())
+        throwFs("chown", path, errno);
+    if (fd_io::retry_eintr([&] { return ::fchown(fd.get(), uid, gid); }) != 0)
+        throwFs("chown", path, errno);
+    if (fd_io::retry_eintr([&] { return ::fchmod(fd.get(), 0700); }) != 0)
+        throwFs("chmod", path, errno);
+}
+
 // Everything below a home is writable by popuser, who could put a symbolic
 // link where a folder should be and have root create folders in, or give
 // away, what it points at. So each folder is made and opened relative to its
@@ -95,12 +107,7 @@ FdOwner makeBelow(int parentFd, const char *name, const fs::path &path, uid_t ui
             throwFs("boost::filesystem::create_directory", path, code);
     }
     FdOwner fd(fd_io::openat_retry(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
-    if (!fd.valid())
-        throwFs("chown", path, errno);
-    if (fd_io::retry_eintr([&] { return ::fchown(fd.get(), uid, gid); }) != 0)
-        throwFs("chown", path, errno);
-    if (fd_io::retry_eintr([&] { return ::fchmod(fd.get(), 0700); }) != 0)
-        throwFs("chmod", path, errno);
+    ownOpened(fd, path, uid, gid);
     return fd;
 }
 
@@ -201,12 +208,7 @@ void MaildirManager::createMailnameHome(const std::string &domain,
         // The home's own name sits in the root-owned domain directory, out
         // of popuser's reach, so it may be opened by its path.
         FdOwner homeFd(fd_io::open_retry(home.c_str(), O_RDONLY | O_DIRECTORY));
-        if (!homeFd.valid())
-            throwFs("chown", home, errno);
-        if (fd_io::retry_eintr([&] { return ::fchown(homeFd.get(), uid_, gid_); }) != 0)
-            throwFs("chown", home, errno);
-        if (fd_io::retry_eintr([&] { return ::fchmod(homeFd.get(), 0700); }) != 0)
-            throwFs("chmod", home, errno);
+        ownOpened(homeFd, home, uid_, gid_);
 
         constexpr size_t count = sizeof homeDirectories / sizeof homeDirectories[0];
         FdOwner opened[count];

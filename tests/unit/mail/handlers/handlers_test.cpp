@@ -1,23 +1,86 @@
 #include "mail/handlers/handlers.h"
 #include "mail/handlers/handlers_mass.h"
 
-#include "mail/handlers/handlers_fixture.h"
 #include "support/child_capture.h"
 #include "support/files.h"
+#include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <numeric>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace fs = std::filesystem;
 using testsupport::runInChild;
+using testsupport::slurp;
 using testsupport::spit;
 
-using handlers_test::Store;
+namespace {
+
+// A handler store in a scratch directory, with a refresh program that
+// records its calls and an executable for the handlers.
+class Store {
+public:
+    Store() : temp_("handlers")
+    {
+        root = temp_.path() + "/handlers";
+        exe = temp_.path() + "/filter";
+        spit(exe, "#!/bin/sh\nexit 0\n");
+        fs::permissions(exe, fs::perms(0755));
+        const std::string refresh = temp_.path() + "/refresh";
+        spit(refresh, "#!/bin/sh\necho \"$@\" >> '" + temp_.path() + "/refresh.log'\n");
+        fs::permissions(refresh, fs::perms(0755));
+        handlers_set_paths_for_testing(root.c_str(), refresh.c_str());
+    }
+    ~Store() { handlers_set_paths_for_testing(nullptr, nullptr); }
+
+    // Refresh calls since the last look.
+    int refreshes()
+    {
+        const std::string log = slurp(temp_.path() + "/refresh.log");
+        const int total = static_cast<int>(std::count(log.begin(), log.end(), '\n'));
+        return total - std::exchange(seen_, total);
+    }
+    int add(const char *tmpl, const char *type, const char *value)
+    {
+        return mail_handler_add(tmpl, type, value, exe.c_str(), "ctx", "before-local", "10",
+                                HANDLER_ACTION_ENABLE);
+    }
+    std::string find(const char *tmpl, const char *type, const char *value)
+    {
+        char *name = get_handler_name(tmpl, type, value, "before-local");
+        const std::string s = name != nullptr ? name : "";
+        std::free(name);
+        return s;
+    }
+    // Every queue entry (not the installed executables under "hooks") as
+    // "HOOK/...queue/NAME", sorted, one a line.
+    std::string entries()
+    {
+        std::vector<std::string> out;
+        for (const auto &e : fs::recursive_directory_iterator(root)) {
+            const std::string rel = e.path().string().substr(root.size() + 1);
+            if (e.is_regular_file() && rel.rfind("info/", 0) != 0 && rel.rfind("hooks/", 0) != 0)
+                out.push_back(rel + "\n");
+        }
+        std::sort(out.begin(), out.end());
+        return std::accumulate(out.begin(), out.end(), std::string());
+    }
+
+    std::string root, exe;
+
+private:
+    testsupport::TempDir temp_;
+    int seen_ = 0;
+};
+
+} // namespace
 
 // Adding, enabling, disabling, querying, updating and removing one handler
 // run through the real binary in the system tests; here the ordering, the
@@ -35,32 +98,30 @@ TEST(Handlers, OrderAndNameParts)
               (std::vector<std::string>{"5-virus-Zz0000", "10-anti-spam-zz", "10-spam-aa",
                                         "10-spam-bb", "0x10-a-a", "90-autoresponder-x1"}));
 
-    const struct {
-        const char *name;
-        std::string want; // priority|template, or the message
-    } cases[] = {
+    // Name, and priority|template or the message.
+    const std::pair<const char *, std::string> cases[] = {
         {"10-anti-spam-aB3dE9", "10|anti-spam"},
         {"-spam-x", "Invalid handler name '-spam-x': missing priority section\n"},
         {"10--x", "Invalid handler name '10--x': empty template part\n"},
         {"10-spam-", "Invalid handler name '10-spam-': missing random part\n"},
     };
-    for (const auto &c : cases) {
+    for (const auto &[name, want] : cases) {
         const auto r = runInChild([&] {
-            char *p = get_priority_from_name(c.name);
-            char *t = get_template_from_name(c.name);
+            char *p = get_priority_from_name(name);
+            char *t = get_template_from_name(name);
             if (p != nullptr && t != nullptr)
                 std::printf("%s|%s", p, t);
             std::free(p);
             std::free(t);
-            return handlers_compare(c.name, "10-a-b") == 0 ? 0 : 1;
+            return handlers_compare(name, "10-a-b") == 0 ? 0 : 1;
         });
         // A bad name reports once for each getter, and once more when compared.
-        const bool bad = c.want.back() == '\n';
-        EXPECT_EQ(r.out, bad ? c.want + c.want + "Unable to split handlers name. Skipping "
+        const bool bad = want.back() == '\n';
+        EXPECT_EQ(r.out, bad ? want + want + "Unable to split handlers name. Skipping "
                                                  "sorting handlers..\n"
-                             : c.want)
-            << c.name;
-        EXPECT_EQ(r.status, bad ? 0 : 1) << c.name << ": unsplittable pair not equal";
+                             : want)
+            << name;
+        EXPECT_EQ(r.status, bad ? 0 : 1) << name << ": unsplittable pair not equal";
     }
 }
 
@@ -77,7 +138,7 @@ TEST(Handlers, CloneAndMassOperationsFollowTheDomainOnly)
     const std::string a = s.find("a", "recipient", "info@example.com");
     ASSERT_EQ(control_handler_queue(a.c_str(), HANDLER_ACTION_CLONE, "sales@example.com"), 0);
     const std::string clone = s.find("a", "recipient", "sales@example.com");
-    EXPECT_EQ(testsupport::slurp(s.root + "/info/" + clone + "/context"), "ctx\n");
+    EXPECT_EQ(slurp(s.root + "/info/" + clone + "/context"), "ctx\n");
     ASSERT_EQ(control_handler_queue(s.find("b", "recipient-domain", "example.com").c_str(),
                                     HANDLER_ACTION_DISABLE, nullptr),
               0);

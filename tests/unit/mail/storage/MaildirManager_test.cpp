@@ -1,4 +1,6 @@
-#include "mail/storage/MaildirManager.h"
+#include "mail/storage/MaildirPPManager.h"
+#include "mail/storage/maildirpp_quota.h"
+#include "utils/cpp_mysql.h"
 #include "utils/read_configuration.h"
 
 #include "support/child_capture.h"
@@ -10,10 +12,10 @@
 
 #include <boost/filesystem/exception.hpp>
 
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -48,14 +50,12 @@ mode_t currentUmask()
 // How many backups of path lie beside it.
 long backups(const std::string &path)
 {
-    const std::string prefix = fs::path(path).filename().string() + ".ZarnetSaved.";
-    long n = 0;
-    for (const auto &e : fs::directory_iterator(fs::path(path).parent_path()))
-        n += e.path().filename().string().rfind(prefix, 0) == 0;
-    return n;
+    const std::string prefix = path + ".ZarnetSaved.";
+    const fs::directory_iterator beside(fs::path(path).parent_path());
+    return std::count_if(begin(beside), end(beside),
+                         [&](const auto &e) { return e.path().string().rfind(prefix, 0) == 0; });
 }
 
-// The mail-names root set through a private configuration file.
 class MailnamesRoot : public testing::Test {
 protected:
     void SetUp() override { use(root_); }
@@ -72,44 +72,27 @@ protected:
     const std::string conf_ = temp_.path() + "/zrn.conf";
 };
 
-class MaildirManagerSandboxed : public MailnamesRoot {
-protected:
-    void SetUp() override
-    {
-        MAILTEND_REQUIRE_SANDBOX();
-        MailnamesRoot::SetUp();
-    }
-};
+using MaildirManagerSandboxed = MailnamesRoot;
 
 } // namespace
 
-TEST_F(MailnamesRoot, PathsFollowTheConfiguredRootAndBackupsTheInode)
+TEST_F(MailnamesRoot, PathsFollowTheConfiguredRoot)
 {
     use("/srv/mail");
     EXPECT_EQ(MaildirManager::getMailnameHome("example.com", "info"), "/srv/mail/example.com/info");
     use(temp_.path());
     EXPECT_EQ(MaildirManager::getDomainRoot("example.com"), temp_.path() + "/example.com")
         << "root kept from an earlier configuration";
-
-    const std::string d = temp_.path();
-    fs::create_directories(d + "/tree/sub");
-    fs::create_symlink("loop", d + "/loop");
-    const std::string saved = owners(d + "/tree", true);
+    // A tree whose status cannot be taken is not taken for a missing one.
+    fs::create_symlink("loop", temp_.path() + "/loop");
     fs::path out = "untouched";
-    EXPECT_TRUE(zarnet::mail::backupRename(d + "/tree", out));
-    EXPECT_EQ(out, saved);
-    EXPECT_TRUE(exists(saved + "/sub"));
-    EXPECT_TRUE(zarnet::mail::backupRename(d + "/tree/x", out)) << "missing tree is a failure";
-    EXPECT_EQ(out, "");
-    out = "untouched";
-    errno = 0;
-    EXPECT_FALSE(zarnet::mail::backupRename(d + "/loop", out)) << "loop taken for a missing tree";
-    EXPECT_EQ(errno, ELOOP);
+    EXPECT_FALSE(zarnet::mail::backupRename(temp_.path() + "/loop", out));
     EXPECT_EQ(out, "untouched");
 }
 
 TEST_F(MaildirManagerSandboxed, CreationSetsOwnersAndModesAgainAndCleansUpAfterAFailure)
 {
+    MAILTEND_REQUIRE_SANDBOX();
     const std::string home = root_ + "/example.com/info";
     const mode_t oldMask = umask(022);
     for (const char *round : {"first creation", "re-creation"}) {
@@ -157,6 +140,7 @@ TEST_F(MaildirManagerSandboxed, CreationSetsOwnersAndModesAgainAndCleansUpAfterA
 
 TEST_F(MaildirManagerSandboxed, BackupRemoveAndRenameMoveTheWholeTree)
 {
+    MAILTEND_REQUIRE_SANDBOX();
     const std::string dom = root_ + "/example.net";
     fs::create_directories(root_);
     const auto create = [&] {
@@ -193,19 +177,6 @@ TEST_F(MaildirManagerSandboxed, BackupRemoveAndRenameMoveTheWholeTree)
     EXPECT_THROW(manager().renameDomainRoot("absent.example", "x.example"), bfs::filesystem_error);
     EXPECT_TRUE(exists(root_ + "/example.edu/sales")) << "a refused call removed something";
 
-    // A mount point cannot be removed: the walk's failure is thrown, not printed.
-    const std::string busy = root_ + "/example.edu/sales/Maildir/cur";
-    ASSERT_EQ(mount("none", busy.c_str(), "tmpfs", 0, nullptr), 0);
-    const auto r = testsupport::runInChild([&] {
-        try {
-            manager().removeMailnameHome("example.edu", "sales");
-        } catch (const bfs::filesystem_error &e) {
-            std::printf("%s", e.what());
-        }
-        return 0;
-    });
-    umount(busy.c_str());
-    EXPECT_EQ(r.out.rfind("boost::filesystem::remove_all: Device or resource busy", 0), 0u) << r;
     manager().removeMailnameHome("example.edu", "sales");
     EXPECT_FALSE(exists(root_ + "/example.edu/sales"));
     ASSERT_TRUE(exists(root_ + "/example.edu")) << "home removal took the domain";
@@ -217,4 +188,64 @@ TEST_F(MaildirManagerSandboxed, BackupRemoveAndRenameMoveTheWholeTree)
     manager().removeDomainRoot("example.edu");
     EXPECT_FALSE(exists(root_ + "/example.edu"));
     EXPECT_TRUE(exists(blocker + "/busy"));
+}
+
+// The quota face (the same object): the corner values, the panel's domain
+// limit and the errors thrown; the usual quotas run in the system tests.
+TEST_F(MaildirManagerSandboxed, QuotaCornerValuesAndErrors)
+{
+    MAILTEND_REQUIRE_SANDBOX();
+    zarnet::mysql::Connection db;
+    const auto cleanUp = [&] {
+        db << "DELETE FROM domains WHERE name='quota-a.example'" << zarnet::mysql::Query::exec;
+        db << "DELETE FROM Limits WHERE id=970412" << zarnet::mysql::Query::exec;
+    };
+    cleanUp();
+    db << "INSERT INTO Limits (id, limit_name, value) VALUES (970412, 'mbox_quota', 12345)"
+       << zarnet::mysql::Query::exec;
+    db << "INSERT INTO domains (name, limits_id) VALUES ('quota-a.example', 970412)"
+       << zarnet::mysql::Query::exec;
+    auto &quota = zarnet::mail::MaildirPPManager::getInstance();
+    quota.createMailnameHome("quota-a.example", "info");
+    const std::string home = root_ + "/quota-a.example/info";
+    struct stat st = {};
+    lstat((home + "/@attachments").c_str(), &st);
+    const long long att = st.st_size;
+    const std::string warning = "WARNING: @attachments directory is big enough to disable delivery!\n";
+    const struct {
+        const char *fault;
+        std::function<void()> call;
+        std::string want_out, want; // what was printed; the quota line, or what() up to a colon
+    } cases[] = {
+        {"zero quota taken for no limit", [] { store_mbox_quota("quota-a.example", "info", 0); },
+         warning, "1S,0C"},
+        {"used-up quota not kept at one byte",
+         [&] { quota.setMailboxQuota("quota-a.example", "info", att); }, "", "1S,0C"},
+        {"oversized attachments not warned or not unlimited",
+         [&] { quota.setMailboxQuota("quota-a.example", "info", att - 1); }, warning, "0S,0C"},
+        {"domain limit not read", [] { rm_mbox_quota("quota-a.example", "info"); }, "",
+         std::to_string(12345 - att) + "S,0C"},
+        {"unknown domain accepted", [&] { quota.removeMailboxQuota("quota-c.example", "info"); },
+         "No such domain quota-c.example\n", "!unable to remove quota"},
+    };
+    for (const auto &c : cases) {
+        spit(home + "/Maildir/maildirsize", "old\n");
+        const auto r = testsupport::runInChild([&] {
+            try {
+                c.call();
+            } catch (const bfs::filesystem_error &e) {
+                const std::string what = e.what();
+                std::printf("!%s", what.substr(0, what.find(':')).c_str());
+            }
+            return 0;
+        });
+        const bool thrown = c.want[0] == '!';
+        EXPECT_EQ(r.out, c.want_out + (thrown ? c.want : "")) << c.fault;
+        if (thrown)
+            continue;
+        EXPECT_EQ(testsupport::slurp(home + "/Maildir/maildirsize"),
+                  c.want + "\n           0           0\n") << c.fault;
+        EXPECT_EQ(owners(home + "/Maildir/maildirsize"), "30110:30110 0644") << c.fault;
+    }
+    cleanUp();
 }
