@@ -245,6 +245,7 @@ bool countMessages(int parent, const char *name, Tally &tally)
     }));
 }
 
+// Of the entries a walk shows ("." and ".." are left out by it).
 bool isCountedFolder(const char *name)
 {
     return name[0] == '.' && std::strcmp(name, ".Trash") != 0;
