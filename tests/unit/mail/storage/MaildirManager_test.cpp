@@ -40,13 +40,6 @@ std::string owners(const std::string &path, bool inode = false)
     return inode ? path + ".ZarnetSaved." + std::to_string(st.st_ino) : text;
 }
 
-mode_t currentUmask()
-{
-    const mode_t mask = umask(0);
-    umask(mask);
-    return mask;
-}
-
 // How many backups of path lie beside it.
 long backups(const std::string &path)
 {
@@ -95,6 +88,7 @@ TEST_F(MaildirManagerSandboxed, CreationSetsOwnersAndModesAgainAndCleansUpAfterA
     MAILTEND_REQUIRE_SANDBOX();
     const std::string home = root_ + "/example.com/info";
     const mode_t oldMask = umask(022);
+    const auto currentUmask = [] { const mode_t mask = umask(0); umask(mask); return mask; };
     for (const char *round : {"first creation", "re-creation"}) {
         manager().createDomainRoot("example.com");
         manager().createMailnameHome("example.com", "info");

@@ -17,9 +17,8 @@
 namespace fs = std::filesystem;
 using testsupport::spit;
 
-// Listing, adding, removing and the mailbox size report on the panel's
-// normal paths run through the real binary in the system tests; here the
-// failures and the owner's links, which the space count must not follow.
+// Listing, adding, removing and sizes on the panel's normal paths run through the real
+// binary in the system tests; here the failures and the owner's links, which sizes must not follow.
 TEST(Attachments, FailuresTheOwnersLinksAndTheSpaceTaken)
 {
     const testsupport::TempDir temp("attachments");
