@@ -69,8 +69,10 @@ TEST(Attachments, FailuresTheOwnersLinksAndTheSpaceTaken)
                  bytes += st.st_size;
                  blocks += st.st_blocks * 512;
              }
+             const long long link = get_dir_size((dom + "/evil/@attachments").c_str(), 0);
              return get_mbox_size("info", "example.com", 0) == bytes &&
-                    get_dir_size(dir.c_str(), 1) == blocks && get_dir_size("absent", 0) == -1 ? 0 : 3;
+                    get_dir_size(dir.c_str(), 1) == blocks && link == long(s.size()) &&
+                    get_dir_size("absent", 0) == -1 ? 0 : 3;
          }, 0, ""},
         {"missing Maildir not fatal", [] { return int(get_mbox_size("empty", "example.com", 0)); }, 1,
          "Unable to calculate Maildir++ size: " + dom + "/empty/Maildir\nSystem error 2: No such "

@@ -20,8 +20,6 @@
 #include <vector>
 
 namespace fs = std::filesystem;
-using testsupport::runInChild;
-using testsupport::slurp;
 using testsupport::spit;
 
 namespace {
@@ -130,7 +128,7 @@ TEST(MaildirppWrite, FailuresKeepTheOldFileAndDeliveriesMakeItStale)
         // count and the check for deliveries made in it.
         static unsigned paused;
         static std::function<void()> during;
-        const auto r = runInChild([&] {
+        const auto r = testsupport::runInChild([&] {
             during = c.during;
             const maildirpp_test_hooks hooks = {[](unsigned s) { paused += s; }, [] { during(); }};
             maildirpp_set_test_hooks_for_testing(&hooks);
@@ -142,7 +140,7 @@ TEST(MaildirppWrite, FailuresKeepTheOldFileAndDeliveriesMakeItStale)
         });
         EXPECT_EQ(r.status, 0) << c.fault << ": working directory not restored " << r;
         EXPECT_EQ(r.out, c.want) << c.fault;
-        const std::string content = slurp(md.path + "/maildirsize");
+        const std::string content = testsupport::slurp(md.path + "/maildirsize");
         struct stat st = {};
         lstat((md.path + "/maildirsize").c_str(), &st);
         if (c.want_age < 0) {
