@@ -45,6 +45,13 @@ const po::value_semantic *semantic(const Option &option)
     return nullptr;
 }
 
+void declareOptions(ProgramOptionsHelper &helper, const Options &options)
+{
+    ProgramOptionsHelper::OptionAppender add = helper.addOptions();
+    for (const Option &o : options.list())
+        add(o.name, semantic(o), o.help, o.presence == mandatory);
+}
+
 } // namespace
 
 Options::Options(const char *name, Value value, const char *help, Presence presence,
@@ -57,13 +64,6 @@ Options::Options(std::initializer_list<Options> parts)
 {
     for (const Options &part : parts)
         list_.insert(list_.end(), part.list_.begin(), part.list_.end());
-}
-
-void declareOptions(ProgramOptionsHelper &helper, const Options &options)
-{
-    ProgramOptionsHelper::OptionAppender add = helper.addOptions();
-    for (const Option &o : options.list())
-        add(o.name, semantic(o), o.help, o.presence == mandatory);
 }
 
 int runCommand(const Command &command, int argc, char **argv)

@@ -76,8 +76,6 @@ struct Command {
     Options options = {};
 };
 
-void declareOptions(ProgramOptionsHelper &helper, const Options &options);
-
 // Parses argv (argv[0] is the command word) against the command's options
 // and returns the handler's status.
 int runCommand(const Command &command, int argc, char **argv);

@@ -32,7 +32,7 @@ const Options attachmentNameOption = {"attachment-file-name", Value::string,
 const Options networkOptions = {{"ip-address", Value::string, "IPv4 address", mandatory},
                                 {"netmask", Value::ipMask, "netmask", mandatory}};
 
-// Each absent setting is left alone.
+// The SPF settings, in the order updateSPF hands them on.
 const Options spfSettingOptions = {{"spf-behavior", Value::string, "SPF behavior"},
                                    {"spf-rules", Value::string, "SPF rules"},
                                    {"spf-guess", Value::string, "SPF guess"},
