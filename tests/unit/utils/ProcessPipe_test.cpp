@@ -1,9 +1,8 @@
 #include "utils/ProcessPipe.h"
 
 #include "support/background.h"
-#include "support/bytes.h"
 #include "support/child_capture.h"
-#include "support/children.h"
+#include "support/probes.h"
 #include "support/thrown.h"
 
 #include <gtest/gtest.h>
@@ -58,15 +57,11 @@ TEST(Pipe, BothStreamsCapturedBeyondPipeBuffer)
 {
     // Alternating 16 KB writes: a pump that reads one stream to its end
     // before the other deadlocks once the other's pipe fills.
-    const char *script =
-        "import sys\n"
-        "n = 1 << 20\n"
-        "o = bytes((i * 1 + 0) % 251 for i in range(n))\n"
-        "e = bytes((i * 7 + 3) % 251 for i in range(n))\n"
-        "for k in range(0, n, 16384):\n"
-        "    sys.stdout.buffer.write(o[k:k + 16384]); sys.stdout.buffer.flush()\n"
-        "    sys.stderr.buffer.write(e[k:k + 16384]); sys.stderr.buffer.flush()\n";
-    Pipe pipe(P(kPython, "-c", script));
+    Pipe pipe(P(kPython, "-c", "import sys\nn = 1 << 20\n"
+                            "o = bytes((i * 1 + 0) % 251 for i in range(n)); e = bytes((i * 7 + 3) % 251 for i in range(n))\n"
+                            "for k in range(0, n, 16384):\n"
+                            "    sys.stdout.buffer.write(o[k:k + 16384]); sys.stdout.buffer.flush()\n"
+                            "    sys.stderr.buffer.write(e[k:k + 16384]); sys.stderr.buffer.flush()\n"));
     const Ran r = run(pipe);
     EXPECT_EQ(exitText(r.status), "exit 0");
     EXPECT_EQ(sameBytes(r.out, pattern(1 << 20, 1, 0)), "equal") << "stdout";
@@ -119,15 +114,6 @@ TEST(Pipe, ChainReportsEveryProcessAndDropsUnreadInput)
     EXPECT_EQ(exitText(r.status), "exit 0") << "run() must give the last status, not the worst";
 }
 
-TEST(Pipe, RunGivesTheLastStatusNotTheFirstAndDoesNotThrowForIt)
-{
-    Pipe pipe(P("/bin/true"));
-    pipe.append(P("/bin/false"));
-    int status = -1;
-    EXPECT_NO_THROW(status = pipe.run());
-    EXPECT_EQ(exitText(status), "exit 1");
-}
-
 TEST(Pipe, OutputWrittenAfterTheLastExitIsStillRead)
 {
     // A grandchild holding the output pipe writes only once the exit callback
@@ -135,11 +121,9 @@ TEST(Pipe, OutputWrittenAfterTheLastExitIsStillRead)
     // the last exit.
     int trigger[2];
     ASSERT_EQ(pipe(trigger), 0);
-    const char *script = "import os, sys\n"
-                         "if os.fork() == 0:\n"
-                         "    os.read(int(sys.argv[1]), 1); os.write(1, b'late'); os._exit(0)\n"
-                         "os.write(1, b'early ')\n";
-    Pipe pipe(P(kPython, "-c", script, std::to_string(trigger[0])));
+    Pipe pipe(P(kPython, "-c", "import os, sys\nif os.fork() == 0:\n"
+                            "    os.read(int(sys.argv[1]), 1); os.write(1, b'late'); os._exit(0)\nos.write(1, b'early ')\n",
+                std::to_string(trigger[0])));
     pipe.setExitCallback([&](unsigned, int) { (void)!write(trigger[1], "x", 1); });
     const Ran r = run(pipe);
     EXPECT_EQ(r.out, "early late");
@@ -174,9 +158,8 @@ TEST(Pipe, UnsetStderrIsInherited)
         pipe.stdoutChannel().receiver = makeStringReceiver(out);
         return pipe.run() == 0 && out == "to-out" ? 0 : 1;
     });
-    EXPECT_EQ(r.status, 0) << r;
-    EXPECT_EQ(r.err, "to-stderr") << r;
-    EXPECT_EQ(r.out, "") << "uncaptured stdout must not leak past the channel: " << r;
+    // Nothing on stdout: captured output must not leak past the channel.
+    EXPECT_EQ(std::to_string(r.status) + "|" + r.out + "|" + r.err, "0||to-stderr");
 }
 
 TEST(Pipe, ChildrenInheritNeitherDescriptorsNorTheRunsSignalBlock)
@@ -192,19 +175,14 @@ TEST(Pipe, ChildrenInheritNeitherDescriptorsNorTheRunsSignalBlock)
             inherited += (inherited.size() > 1 ? ", " : "") + std::to_string(fd);
     }
     inherited += "] False False\n";
-    const char *script = "import os, signal, sys\n"
-                         "sys.stdout.buffer.write(sys.stdin.buffer.read()); sys.stdout.flush()\n"
-                         "fds = []\n"
-                         "for fd in range(3, 256):\n"
-                         "    try:\n"
-                         "        os.fstat(fd); fds.append(fd)\n"
-                         "    except OSError:\n"
-                         "        pass\n"
-                         "m = signal.pthread_sigmask(signal.SIG_BLOCK, [])\n"
-                         "print(fds, signal.SIGCHLD in m, signal.SIGPIPE in m, file=sys.stderr)\n";
-    Pipe pipe(P(kPython, "-c", script));
-    pipe.append(P(kPython, "-c", script));
-    pipe.append(P(kPython, "-c", script));
+    const P script(kPython, "-c", "import os, signal, sys\n"
+                   "sys.stdout.buffer.write(sys.stdin.buffer.read()); sys.stdout.flush()\n"
+                   "fds = []\nfor fd in range(3, 256):\n    try: os.fstat(fd); fds.append(fd)\n    except OSError: pass\n"
+                   "m = signal.pthread_sigmask(signal.SIG_BLOCK, [])\n"
+                   "print(fds, signal.SIGCHLD in m, signal.SIGPIPE in m, file=sys.stderr)\n");
+    Pipe pipe(script);
+    pipe.append(script);
+    pipe.append(script);
     const std::string input = "through three";
     pipe.setInput(source(input, input.size()));
     const Ran r = run(pipe);
