@@ -76,33 +76,6 @@ TEST_F(ConfReader, Grammar)
     }
 }
 
-TEST(ConfStore, GrowsAndFindsEveryNameSortedOrNot)
-{
-    // Enough names to grow past the first capacity several times (from none:
-    // no conf_init_r), inserted out of order, with every name redefined once.
-    conf_store store = {};
-    const int n = 200;
-    for (const char *suffix : {"-old", "-new"})
-        for (int i = n - 1; i >= 0; --i) {
-            const std::string name = "N" + std::to_string(i * 7919 % n);
-            ASSERT_EQ(conf_set_r(name.c_str(), (name + suffix).c_str(), &store), 0);
-        }
-    EXPECT_EQ(store.count, static_cast<unsigned>(n)) << "redefinition appended";
-    EXPECT_EQ(store.sorted, 0) << "appending kept the sorted flag";
-    for (const std::string lookup : {"linear", "bisecting"}) {
-        if (lookup == "bisecting")
-            conf_finalize_r(&store);
-        for (int i = 0; i < n; ++i) {
-            const std::string name = "N" + std::to_string(i);
-            EXPECT_EQ(orNull(conf_get_r(name.c_str(), &store)), "\"" + name + "-new\"") << lookup;
-        }
-        EXPECT_EQ(conf_get_r("N", &store), nullptr) << lookup;
-        EXPECT_EQ(conf_get_r("N9999", &store), nullptr) << lookup;
-    }
-    conf_free_r(&store);
-    EXPECT_TRUE(store.count == 0 && store.entries == nullptr);
-}
-
 using ZrnConf = ConfDir;
 
 TEST_F(ZrnConf, MissingFileGivesDefaultsAndIsRetried)
@@ -125,7 +98,9 @@ TEST_F(ZrnConf, MissingFileGivesDefaultsAndIsRetried)
     EXPECT_EQ(zrnConfGetDefaultByIndex(30), nullptr) << "index past the table";
 
     // Now the file exists: a failed load must not be remembered, and each
-    // index must find the name of its constant (not a neighbour's).
+    // index must find the name of its constant (not a neighbour's). The
+    // names grow the store past its first capacity and, sorted, are found by
+    // binary search.
     const char *const names[] = {"ZARNET_MAILNAMES_D", "COURIER_IMAP_ROOT_D", "RBLSMTPD", "CLIENT_PHP_BIN",
         "LIB_CRYPTO_PATH", "LIB_SSL_PATH", "AWSTATS_DOC_D", "AWSTATS_TOOLS_D", "AWSTATS_BIN_D", "AWSTATS_ETC_D",
         "CATALINA_HOME", "MAILMAN_VAR_D", "MAILMAN_ROOT_D", "PGSQL_DATA_D", "PGSQL_BIN_D", "MYSQL_BIN_D", "MYSQL_VAR_D",
