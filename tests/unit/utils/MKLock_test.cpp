@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -45,40 +44,31 @@ protected:
 
 TEST_F(MKLockTest, HeldLockRefusesNonBlockingAndMakesBlockingWait)
 {
-    const std::string path = lockDir_ + "/" + zarnet::md5Hex(name_);
-    int up[2];
-    ASSERT_EQ(pipe(up), 0);
-    const pid_t parent = getpid();
-    testsupport::BackgroundChild holder([&] {
-        close(up[0]);
+    // The waiter starts before the lock is taken: one that inherited the
+    // locked descriptor would wait for itself.
+    int go[2];
+    ASSERT_EQ(pipe(go), 0);
+    testsupport::BackgroundChild waiter([&] {
+        char c;
+        close(go[1]);
+        if (read(go[0], &c, 1) != 1)
+            return 9;
         MKLock lock(name_);
-        struct stat st;
-        if (write(up[1], "H", 1) != 1 || stat(path.c_str(), &st) != 0)
-            return 2;
-        if (!testsupport::waitUntilBlocked(parent, st.st_ino))
-            return 4;
-        // Written while still holding: the parent must find it after it
-        // gets the lock, never before.
-        return write(up[1], "U", 1) == 1 ? 0 : 2;
+        return 0;
     });
-    close(up[1]);
-    char c = 0;
-    ASSERT_EQ(read(up[0], &c, 1), 1);
-    ASSERT_EQ(c, 'H');
-
-    const auto nonblocking = [&] { MKLock lock(name_, MKLock::DeriveName, MKLock::NonBlock); };
-    EXPECT_EQ(testsupport::thrown(nonblocking),
-              "runtime_error: lock(" + name_ + ") failed: file is already locked");
-    EXPECT_TRUE(excluded(name_)) << "mk_nonblock_lock got a held lock";
+    close(go[0]);
     {
         MKLock lock(name_);
-        struct pollfd p = {up[0], POLLIN, 0};
-        ASSERT_EQ(poll(&p, 1, 0), 1) << "got the lock before the holder let it go";
-        ASSERT_EQ(read(up[0], &c, 1), 1);
-        EXPECT_EQ(c, 'U');
+        EXPECT_EQ(testsupport::thrown([&] { MKLock again(name_, MKLock::DeriveName, MKLock::NonBlock); }),
+                  "runtime_error: lock(" + name_ + ") failed: file is already locked");
+        EXPECT_TRUE(excluded(name_)) << "mk_nonblock_lock got a held lock";
+        ASSERT_EQ(write(go[1], "g", 1), 1);
+        struct stat st;
+        ASSERT_EQ(stat(lock.path(), &st), 0);
+        EXPECT_TRUE(testsupport::waitUntilBlocked(waiter.pid(), st.st_ino)) << "the blocking lock did not wait";
     }
-    close(up[0]);
-    EXPECT_EQ(holder.wait(), "exit 0") << "4: the parent never waited for the lock";
+    close(go[1]);
+    EXPECT_EQ(waiter.wait(), "exit 0");
 }
 
 TEST_F(MKLockTest, EveryFormHoldsTheRightFileUntilReleased)
