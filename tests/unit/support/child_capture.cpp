@@ -27,8 +27,12 @@ ChildResult runInChild(const std::function<int()> &body)
     // Files, not pipes: a child writing much to one stream never waits for a reader.
     FILE *files[2] = {std::tmpfile(), std::tmpfile()};
     const pid_t pid = files[0] && files[1] ? fork() : -1;
-    if (pid < 0)
+    if (pid < 0) {
+        for (FILE *f : files)
+            if (f != nullptr)
+                std::fclose(f);
         throw std::runtime_error("cannot start the child");
+    }
     if (pid == 0) {
         dup2(fileno(files[0]), 1);
         dup2(fileno(files[1]), 2);
