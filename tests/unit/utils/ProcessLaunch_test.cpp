@@ -142,7 +142,7 @@ TEST(ProcessLaunch, CallersDescriptorsAndLowNumbersAreRewiredSafely)
     EXPECT_EQ(exitText(p->waitExit()), "exit 0");
 
     // In a process of its own, the program's stdout is a pipe end on a low
-    // number (-1: fds 0 and 1 freed, so the pipe and the control pipe land there).
+    // number (-1: fds 0 and 1 freed first, so the pipe itself lands there).
     const struct {
         const char *fault;
         int target, flags;
@@ -150,7 +150,7 @@ TEST(ProcessLaunch, CallersDescriptorsAndLowNumbersAreRewiredSafely)
     } cases[] = {
         {"wiring stdin clobbers stdout's source on fd 0", 0, 0, "/usr/bin/printf", "reached exit 0"},
         {"own number keeps close-on-exec (no dup2 clears it)", 1, O_CLOEXEC, "/usr/bin/printf", "reached exit 0"},
-        {"control pipe lost in the dup2 onto fd 1: exec failure taken for success", -1, 0, "/none",
+        {"report channel lost around fd 1: exec failure taken for success", -1, 0, "/none",
          "SystemError: execv (2)"},
     };
     for (const auto &c : cases) {
