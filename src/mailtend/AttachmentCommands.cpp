@@ -1,101 +1,59 @@
-#include "mailtend/AttachmentCommands.h"
+#include "mailtend/commands.h"
 
 #include "mail/storage/attachments.h"
 #include "mailtend/CommandNames.h"
 #include "mailtend/MailnameArguments.h"
-#include "mailtend/ProgramOptionsHelper.h"
 
-#include <iostream>
 #include <string>
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
-
-namespace po = boost::program_options;
+namespace zarnet::mail::postfix::mailtend_commands {
 
 namespace {
 
-std::string attachmentName(const ProgramOptionsHelper &helper)
+std::string attachmentName(const Args &args)
 {
-    const std::string name = helper.variables["attachment-file-name"].as<std::string>();
+    const std::string &name = args.text("attachment-file-name");
     checkPathComponent("attachment file name", name);
     return name;
 }
 
 } // namespace
 
-int listAttachments(int argc, char **argv)
+int listAttachments(const Args &args)
 {
-    ProgramOptionsHelper helper("list attachments",
-                                "--list-attachments [--in-blocks] [--fullname] "
-                                "--domain-name=<domain_name> (--mailname=<mail_name>|--mail-all)");
-    helper.addOptions()("in-blocks", "report in blocks rather than bytes (false by default)")(
-        "fullname", "report full attachment paths (false by default)")(
-        "domain-name", po::value<std::string>(), "domain name", true)(
-        "mail-all", "report attachments for all mailnames (false by default)")(
-        "mailname", po::value<std::string>(), "mailname");
-    standardOptionsParse(helper, argc, argv);
-    const po::variables_map &vm = helper.variables;
-    const bool all = vm.count("mail-all") != 0;
-    const bool named = vm.count("mailname") != 0;
+    const bool all = args.has("mail-all");
+    const bool named = args.has("mailname");
     if (all && named)
-        optionError(helper, "you should not use --mailname and --mail-all together");
+        optionError(args, "you should not use --mailname and --mail-all together");
     if (!all && !named)
-        optionError(helper, "neither --mailname nor --mail-all are specified");
+        optionError(args, "neither --mailname nor --mail-all are specified");
 
-    const std::string domain = storeDomain(vm["domain-name"].as<std::string>());
-    const int in_blocks = vm.count("in-blocks") != 0;
-    const int fullname = vm.count("fullname") != 0;
-    int result;
-    if (all) {
-        result = list_all_attachments(domain.c_str(), in_blocks, fullname);
-    } else {
-        const std::string mailname = vm["mailname"].as<std::string>();
-        // An empty mailname is the listing's own error to report.
-        if (!mailname.empty())
-            checkPathComponent("mailname", mailname);
-        result = list_attachments(mailname.c_str(), domain.c_str(), in_blocks, fullname);
-    }
-    return result != 0 ? 1 : 0;
+    const std::string domain = storeDomain(args.text("domain-name"));
+    const int in_blocks = args.has("in-blocks");
+    const int fullname = args.has("fullname");
+    if (all)
+        return list_all_attachments(domain.c_str(), in_blocks, fullname) != 0 ? 1 : 0;
+    const std::string &mailname = args.text("mailname");
+    // An empty mailname is the listing's own error to report.
+    if (!mailname.empty())
+        checkPathComponent("mailname", mailname);
+    return list_attachments(mailname.c_str(), domain.c_str(), in_blocks, fullname) != 0 ? 1 : 0;
 }
 
-int addAttachment(int argc, char **argv)
+int addAttachment(const Args &args)
 {
-    ProgramOptionsHelper helper(
-        "add an attachment",
-        "--add-attachment --domain-name=<domain_name> --mailname=<mail_name> "
-        "--file-name=<full_file_name> --attachment-file-name=<attachment_file_name>");
-    declareMailnameOptions(helper);
-    helper.addOptions()("file-name", po::value<std::string>(), "uploaded file name", true)(
-        "attachment-file-name", po::value<std::string>(), "attachment file name", true);
-    standardOptionsParse(helper, argc, argv);
-    const MailnameArguments a = mailnameArguments(helper, MailnameCheck::PathOnly);
-    const std::string name = attachmentName(helper);
-    return add_attachment(a.mailname.c_str(), a.domain.c_str(),
-                          helper.variables["file-name"].as<std::string>().c_str(),
-                          name.c_str()) != 0
-               ? 1
-               : 0;
+    const MailnameArguments a = mailnameArguments(args, MailnameCheck::PathOnly);
+    const std::string name = attachmentName(args);
+    const int failed = add_attachment(a.mailname.c_str(), a.domain.c_str(),
+                                      args.text("file-name").c_str(), name.c_str());
+    return failed != 0 ? 1 : 0;
 }
 
-int removeAttachment(int argc, char **argv)
+int removeAttachment(const Args &args)
 {
-    ProgramOptionsHelper helper(
-        "remove an attachment",
-        "--remove-attachment --domain-name=<domain_name> --mailname=<mail_name> "
-        "--attachment-file-name=<attachment_file_name>");
-    declareMailnameOptions(helper);
-    helper.addOptions()("attachment-file-name", po::value<std::string>(), "attachment file name",
-                        true);
-    standardOptionsParse(helper, argc, argv);
-    const MailnameArguments a = mailnameArguments(helper, MailnameCheck::PathOnly);
-    const std::string name = attachmentName(helper);
+    const MailnameArguments a = mailnameArguments(args, MailnameCheck::PathOnly);
+    const std::string name = attachmentName(args);
     return remove_attachment(a.mailname.c_str(), a.domain.c_str(), name.c_str()) != 0 ? 1 : 0;
 }
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands

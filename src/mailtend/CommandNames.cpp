@@ -6,10 +6,7 @@
 
 #include <stdexcept>
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
 std::string asciiDomain(const std::string &name)
 {
@@ -31,7 +28,4 @@ std::string storeDomain(const std::string &name)
     return domain;
 }
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands

@@ -9,10 +9,7 @@
 
 #include <string>
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
 std::string asciiDomain(const std::string &name);
 
@@ -26,9 +23,6 @@ void checkPathComponent(const char *kind, const std::string &name);
 // domain that will name a table key or a directory.
 std::string storeDomain(const std::string &name);
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands
 
 #endif

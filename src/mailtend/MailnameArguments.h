@@ -1,8 +1,8 @@
 // The domain and mailname that every mailname command names.
 //
-// declareMailnameOptions adds "domain-name" and "mailname" (both mandatory)
-// in that order; mailnameArguments reads them after parsing: the domain in
-// lower-case ASCII form, the mailname as given. The mailname syntax check
+// mailnameArguments reads the parsed "domain-name" and "mailname" (the
+// command table's mailname group): the domain in lower-case ASCII form, the
+// mailname as given. The mailname syntax check
 // runs only where the command asks for it; the one-directory-level check of
 // both names always runs, since both become path components.
 #ifndef MAILTEND_MAILTEND_MAILNAMEARGUMENTS_H
@@ -12,25 +12,17 @@
 
 #include <string>
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
 struct MailnameArguments {
     std::string domain;
     std::string mailname;
 };
 
-void declareMailnameOptions(ProgramOptionsHelper &helper);
-
 enum class MailnameCheck { Syntax, PathOnly };
 
-MailnameArguments mailnameArguments(const ProgramOptionsHelper &helper, MailnameCheck check);
+MailnameArguments mailnameArguments(const ProgramOptionsHelper &args, MailnameCheck check);
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands
 
 #endif

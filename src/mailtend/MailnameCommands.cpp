@@ -1,21 +1,13 @@
-#include "mailtend/MailnameCommands.h"
+#include "mailtend/commands.h"
 
 #include "mail/auth/mail_authenticate.h"
 #include "mail/postfix/MailnameManager.h"
 #include "mailtend/MailnameArguments.h"
-#include "mailtend/ProgramOptionsHelper.h"
 #include "utils/dbconnect.h"
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
 namespace {
-
-const char password_usage_tail[] =
-    "\n        The noncrypted password is transferred in the environment variable ZRN_PASSWORD,"
-    "\n        or crypted password is transferred in the environment variable ZRN_CRYPTED_PASSWORD";
 
 // Password flag bits handed to the authentication database.
 const int password_encrypted = 1;
@@ -26,14 +18,9 @@ struct EnvPassword {
     int flags;
 };
 
-void declareDomainDisabled(ProgramOptionsHelper &helper)
-{
-    helper.addOptions()("mail-domain-disabled,D", "the domain is disabled (currently unused)");
-}
-
 // Takes the password out of the environment; without one the callers store
 // none, which removes the user's login.
-EnvPassword readEnvPassword(const ProgramOptionsHelper &helper)
+EnvPassword readEnvPassword(const Args &args)
 {
     EnvPassword p = {nullptr, 0};
     int kind = 0;
@@ -41,7 +28,7 @@ EnvPassword readEnvPassword(const ProgramOptionsHelper &helper)
         p.password = nullptr;
     else if (kind == 1)
         p.flags |= password_encrypted;
-    if (helper.variables.count("mail-domain-disabled"))
+    if (args.has("mail-domain-disabled"))
         p.flags |= domain_disabled;
     return p;
 }
@@ -60,35 +47,22 @@ bool panelReachable()
 
 } // namespace
 
-int addMailbox(int argc, char **argv)
+int addMailbox(const Args &args)
 {
-    ProgramOptionsHelper helper(
-        "add mailname's mailbox",
-        std::string("--add-mailbox --domain-name=<domain_name> --mailname=<mail_name> "
-                    "[--mail-domain-disabled|-D]") + password_usage_tail);
-    declareMailnameOptions(helper);
-    declareDomainDisabled(helper);
-    standardOptionsParse(helper, argc, argv);
-    const MailnameArguments a = mailnameArguments(helper, MailnameCheck::Syntax);
+    const MailnameArguments a = mailnameArguments(args, MailnameCheck::Syntax);
     if (!panelReachable())
         return 1;
 
     MailnameManager::enableDelivery(a.domain, a.mailname);
-    const EnvPassword p = readEnvPassword(helper);
-    return set_passwd_for_domains(a.mailname.c_str(), a.domain.c_str(), p.password, p.flags) ==
-                   -1
-               ? 1
-               : 0;
+    const EnvPassword p = readEnvPassword(args);
+    const int stored =
+        set_passwd_for_domains(a.mailname.c_str(), a.domain.c_str(), p.password, p.flags);
+    return stored == -1 ? 1 : 0;
 }
 
-int removeMailbox(int argc, char **argv)
+int removeMailbox(const Args &args)
 {
-    ProgramOptionsHelper helper(
-        "remove mailname's mailbox",
-        "--remove-mailbox --domain-name=<domain_name> --mailname=<mail_name>");
-    declareMailnameOptions(helper);
-    standardOptionsParse(helper, argc, argv);
-    const MailnameArguments a = mailnameArguments(helper, MailnameCheck::Syntax);
+    const MailnameArguments a = mailnameArguments(args, MailnameCheck::Syntax);
     if (!panelReachable())
         return 1;
 
@@ -96,27 +70,16 @@ int removeMailbox(int argc, char **argv)
     return rm_mails_from_domains(a.mailname.c_str(), a.domain.c_str()) == -1 ? 1 : 0;
 }
 
-int setPassword(int argc, char **argv)
+int setPassword(const Args &args)
 {
-    ProgramOptionsHelper helper(
-        "set mailname's password",
-        std::string("--set-password --domain-name=<domain_name> --mailname=<mail_name> "
-                    "[--mail-domain-disabled|-D]") + password_usage_tail);
-    declareMailnameOptions(helper);
-    declareDomainDisabled(helper);
-    standardOptionsParse(helper, argc, argv);
-    const MailnameArguments a = mailnameArguments(helper, MailnameCheck::Syntax);
+    const MailnameArguments a = mailnameArguments(args, MailnameCheck::Syntax);
     if (!panelReachable())
         return 1;
 
-    const EnvPassword p = readEnvPassword(helper);
-    return set_mass_postbox_passwd(a.mailname.c_str(), a.domain.c_str(), p.password, p.flags) ==
-                   -1
-               ? 1
-               : 0;
+    const EnvPassword p = readEnvPassword(args);
+    const int stored =
+        set_mass_postbox_passwd(a.mailname.c_str(), a.domain.c_str(), p.password, p.flags);
+    return stored == -1 ? 1 : 0;
 }
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands

@@ -2,10 +2,7 @@
 
 #include <stdexcept>
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailname_validators {
+namespace zarnet::mail::postfix::mailname_validators {
 
 int mailValidateExc(const std::string &name, validation_type type)
 {
@@ -18,7 +15,4 @@ int mailValidateExc(const std::string &name, validation_type type)
     return result;
 }
 
-} // namespace mailname_validators
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailname_validators

@@ -10,16 +10,10 @@
 
 #include <string>
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailname_validators {
+namespace zarnet::mail::postfix::mailname_validators {
 
 int mailValidateExc(const std::string &name, validation_type type = VALIDATE_MAILNAME);
 
-} // namespace mailname_validators
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailname_validators
 
 #endif

@@ -5,10 +5,7 @@
 
 namespace po = boost::program_options;
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
 namespace {
 
@@ -107,7 +104,4 @@ po::typed_value<SelectedMailComponents> *selectedMailComponentsValue()
     return po::value<SelectedMailComponents>()->composing()->multitoken();
 }
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands

@@ -19,10 +19,7 @@
 #include <string>
 #include <vector>
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
 struct IPMask {
     uint16_t prefix = 0;
@@ -63,9 +60,6 @@ boost::program_options::typed_value<SelectedMailComponents> *selectedMailCompone
 // netmask text, false for anything the option must reject.
 bool parseIPMask(const std::string &text, uint16_t &prefix);
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands
 
 #endif

@@ -7,10 +7,7 @@
 
 namespace po = boost::program_options;
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
 namespace {
 
@@ -113,7 +110,4 @@ void optionError(const ProgramOptionsHelper &helper, const std::string &message)
     std::exit(1);
 }
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands

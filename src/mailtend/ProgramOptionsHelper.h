@@ -1,12 +1,13 @@
 // Per-command option sets and their parsing.
 //
-// A handler builds one ProgramOptionsHelper, declares its options through an
-// OptionAppender (mandatory ones flagged), calls standardOptionsParse and then
-// reads `variables`. standardOptionsParse returns only when the arguments
-// parsed and no help was asked for; on help it prints the help block and exits
-// 0, on any option error (including a missing mandatory option) it prints the
-// error on zarnet::uerr and the help block on standard output and exits 1.
-// Nothing may change on disk before it returns.
+// runCommand (Command.h) builds one ProgramOptionsHelper per run from the
+// command's declaration, declares its options through an OptionAppender
+// (mandatory ones flagged), calls standardOptionsParse and hands the helper
+// to the handler, which reads the values. standardOptionsParse returns only
+// when the arguments parsed and no help was asked for; on help it prints the
+// help block and exits 0, on any option error (including a missing mandatory
+// option) it prints the error on zarnet::uerr and the help block on standard
+// output and exits 1. Nothing may change on disk before it returns.
 #ifndef MAILTEND_MAILTEND_PROGRAMOPTIONSHELPER_H
 #define MAILTEND_MAILTEND_PROGRAMOPTIONSHELPER_H
 
@@ -15,10 +16,7 @@
 #include <forward_list>
 #include <string>
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
 class MissingMandatoryOption : public boost::program_options::error {
 public:
@@ -49,6 +47,15 @@ public:
     // The help block: description, usage line, option list, empty line.
     void printHelp(std::ostream &os) const;
 
+    // Reading parsed values: presence, and the value as its declared type.
+    bool has(const char *name) const { return variables.count(name) != 0; }
+    template <class T>
+    const T &get(const char *name) const
+    {
+        return variables[name].as<T>();
+    }
+    const std::string &text(const char *name) const { return get<std::string>(name); }
+
     // Throws MissingMandatoryOption for the mandatory option declared last
     // among those absent from `variables`.
     void checkMandatory() const;
@@ -69,9 +76,6 @@ void standardOptionsParse(ProgramOptionsHelper &helper, int argc, char **argv);
 // (combinations, values of a closed set).
 [[noreturn]] void optionError(const ProgramOptionsHelper &helper, const std::string &message);
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands
 
 #endif

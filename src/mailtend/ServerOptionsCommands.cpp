@@ -1,13 +1,12 @@
-#include "mailtend/ServerOptionsCommands.h"
+#include "mailtend/commands.h"
 
-#include "mail/services/courier_configure.h"
+#include "mail/dns/spf_control.h"
 #include "mail/postfix/MainCfManager.h"
 #include "mail/postfix/ServiceManager.h"
 #include "mail/postfix/SettingsManager.h"
-#include "mail/dns/spf_control.h"
+#include "mail/services/courier_configure.h"
 #include "mailtend/CommandNames.h"
 #include "mailtend/OptionTypes.h"
-#include "mailtend/ProgramOptionsHelper.h"
 #include "utils/NotSupportedError.h"
 
 #include <boost/lexical_cast.hpp>
@@ -33,10 +32,7 @@ void print_feature_array(const char *name, std::size_t count, const char *const 
     std::printf(");\n");
 }
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
 namespace {
 
@@ -109,7 +105,7 @@ const Feature features[] = {
 
 } // namespace
 
-int printFeatures(int, char **)
+int printFeatures(const Args &)
 {
     for (const Feature &f : features)
         print_feature(f.name, f.value);
@@ -118,8 +114,6 @@ int printFeatures(int, char **)
 }
 
 namespace {
-
-namespace po = boost::program_options;
 
 // A size parameter of main.cf as a bare number; a value that is not one
 // raises the conversion error.
@@ -130,50 +124,43 @@ int printSizeParameter(const char *name)
     return std::cout ? 0 : 1;
 }
 
-// The black-list commands share one option set and differ in the change.
-std::string parseBlackDomain(const char *description, const char *usage, int argc, char **argv)
+typedef void (*NetworkChange)(const std::string &address, unsigned prefix);
+
+int changeWhiteList(const Args &args, NetworkChange change)
 {
-    ProgramOptionsHelper helper(description, usage);
-    helper.addOptions()("domain-name", po::value<std::string>(), "domain name", true);
-    standardOptionsParse(helper, argc, argv);
-    return asciiDomain(helper.variables["domain-name"].as<std::string>());
+    change(args.text("ip-address"), args.get<IPMask>("netmask").prefix);
+    ServiceManager::reloadServer();
+    return 0;
 }
 
 } // namespace
 
-int getMaxLetterSize(int, char **)
+int getMaxLetterSize(const Args &)
 {
     return printSizeParameter("message_size_limit");
 }
 
-int getMailboxLimit(int, char **)
+int getMailboxLimit(const Args &)
 {
     return printSizeParameter("mailbox_size_limit");
 }
 
-int addBadMailFrom(int argc, char **argv)
+int addBadMailFrom(const Args &args)
 {
-    SettingsManager::addBlackDomain(parseBlackDomain(
-        "add a badmailfrom", "--add-badmailfrom --domain-name=<domain>", argc, argv));
+    SettingsManager::addBlackDomain(asciiDomain(args.text("domain-name")));
     return 0;
 }
 
-int removeBadMailFrom(int argc, char **argv)
+int removeBadMailFrom(const Args &args)
 {
-    SettingsManager::removeBlackDomain(parseBlackDomain(
-        "remove a badmailfrom", "--remove-badmailfrom --domain-name=<domain>", argc, argv));
+    SettingsManager::removeBlackDomain(asciiDomain(args.text("domain-name")));
     return 0;
 }
 
-int setMaxLetterSize(int argc, char **argv)
+int setMaxLetterSize(const Args &args)
 {
-    ProgramOptionsHelper helper("set maximal letter size",
-                                "--set-max-letter-size --size=<size_in_bytes>");
-    helper.addOptions()("size", po::value<int64_t>(), "letter size", true);
-    standardOptionsParse(helper, argc, argv);
-
     const MainCfManager &mainCf = MainCfManager::getInstance();
-    int64_t size = helper.variables["size"].as<int64_t>();
+    int64_t size = args.get<int64_t>("size");
     if (size == 0)
         size = boost::lexical_cast<int64_t>(mainCf.getStringValue("mailbox_size_limit", false));
     mainCf.replaceStringValue("message_size_limit", std::to_string(size));
@@ -181,93 +168,37 @@ int setMaxLetterSize(int argc, char **argv)
     return 0;
 }
 
-int setAccountsFormat(int argc, char **argv)
+int setAccountsFormat(const Args &args)
 {
-    ProgramOptionsHelper helper("set accounts format",
-                                "--set-accounts-format --account-format=\"compound\"");
-    helper.addOptions()("account-format", po::value<ShortnameFormat>(),
-                        "Accounts format (currently only compound supported)", true);
-    standardOptionsParse(helper, argc, argv);
-
-    if (helper.variables["account-format"].as<ShortnameFormat>().format ==
-        ShortnameFormat::both)
+    if (args.get<ShortnameFormat>("account-format").format == ShortnameFormat::both)
         throw NotSupportedError("short account-format is not supported for Postfix");
     return set_courier_shortnames_params(0);
 }
 
-namespace {
-
-struct WhiteListNetwork {
-    std::string address;
-    unsigned prefix;
-};
-
-WhiteListNetwork parseWhiteListNetwork(const char *description, const char *usage, int argc,
-                                       char **argv)
+int addWhiteList(const Args &args)
 {
-    ProgramOptionsHelper helper(description, usage);
-    helper.addOptions()("ip-address", po::value<std::string>(), "IPv4 address", true)(
-        "netmask", po::value<IPMask>(), "netmask", true);
-    standardOptionsParse(helper, argc, argv);
-    return {helper.variables["ip-address"].as<std::string>(),
-            helper.variables["netmask"].as<IPMask>().prefix};
+    return changeWhiteList(args, SettingsManager::addWhiteNetwork);
 }
 
-} // namespace
-
-int addWhiteList(int argc, char **argv)
+int removeWhiteList(const Args &args)
 {
-    const WhiteListNetwork net = parseWhiteListNetwork(
-        "add a network to whitelist",
-        "--add-whitelist --ip-address=<ip_address> --netmask=<netmask>", argc, argv);
-    SettingsManager::addWhiteNetwork(net.address, net.prefix);
-    ServiceManager::reloadServer();
-    return 0;
+    return changeWhiteList(args, SettingsManager::removeWhiteNetwork);
 }
 
-int removeWhiteList(int argc, char **argv)
+int updateSPF(const Args &args)
 {
-    const WhiteListNetwork net = parseWhiteListNetwork(
-        "remove a network from whitelist",
-        "--remove-whitelist --ip-address=<ip_address> --netmask=<netmask>", argc, argv);
-    SettingsManager::removeWhiteNetwork(net.address, net.prefix);
-    ServiceManager::reloadServer();
-    return 0;
-}
-
-int updateSPF(int argc, char **argv)
-{
-    static const struct {
-        const char *name;
-        const char *help;
-    } settings[] = {{"spf-behavior", "SPF behavior"},
-                    {"spf-rules", "SPF rules"},
-                    {"spf-guess", "SPF guess"},
-                    {"spf-exp", "SPF exp"}};
-    ProgramOptionsHelper helper("update SPF rules",
-                                "--update-spf [--spf-behavior=spf_behavior] "
-                                "[--spf-rules=spf_rules] [--spf-guess=spf_guess] "
-                                "[--spf-exp=<spf_exp>]");
-    ProgramOptionsHelper::OptionAppender add = helper.addOptions();
-    for (const auto &s : settings)
-        add(s.name, po::value<std::string>(), s.help);
-    standardOptionsParse(helper, argc, argv);
-
+    static const char *const settings[] = {"spf-behavior", "spf-rules", "spf-guess", "spf-exp"};
     // Absent: leave the setting alone; "-": clear it.
     const char *values[4];
     for (int i = 0; i < 4; ++i) {
-        const po::variable_value &v = helper.variables[settings[i].name];
-        if (v.empty())
+        if (!args.has(settings[i]))
             values[i] = nullptr;
-        else if (v.as<std::string>() == "-")
+        else if (args.text(settings[i]) == "-")
             values[i] = "";
         else
-            values[i] = v.as<std::string>().c_str();
+            values[i] = args.text(settings[i]).c_str();
     }
     return update_spf(values[0], values[1], values[2], values[3]) != 0 ? 1 : 0;
 }
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands

@@ -1,12 +1,9 @@
-#include "mailtend/ServiceCommands.h"
+#include "mailtend/commands.h"
 
 #include "mail/postfix/ServiceManager.h"
 #include "mail/services/service_scripts.h"
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
 namespace {
 
@@ -14,44 +11,41 @@ const char courierService[] = "courier-imap";
 
 } // namespace
 
-int statusMTA(int, char **)
+int statusMTA(const Args &)
 {
     print_status(nullptr, ServiceManager::statusServer(0));
     return 0;
 }
 
-int startMTA(int, char **)
+int startMTA(const Args &)
 {
     return ServiceManager::startServer();
 }
 
-int stopMTA(int, char **)
+int stopMTA(const Args &)
 {
     return ServiceManager::stopServer();
 }
 
-int startIMAP(int, char **)
+int startIMAP(const Args &)
 {
     return restart_daemon(courierService, "start");
 }
 
-int stopIMAP(int, char **)
+int stopIMAP(const Args &)
 {
     return restart_daemon(courierService, "stop");
 }
 
-int restartIMAP(int, char **)
+int restartIMAP(const Args &)
 {
     return restart_daemon(courierService, "restart");
 }
 
-int statusIMAP(int, char **)
+int statusIMAP(const Args &)
 {
     print_status(nullptr, restart_daemon(courierService, "status"));
     return 0;
 }
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands

@@ -1,138 +1,229 @@
 #include "mailtend/command_table.h"
 
-#include "mailtend/AttachmentCommands.h"
-#include "mailtend/DomainOptionsCommands.h"
-#include "mailtend/HandlerCommands.h"
-#include "mailtend/MailnameCommands.h"
-#include "mailtend/MailnameOptionsCommands.h"
-#include "mailtend/ServerOptionsCommands.h"
-#include "mailtend/ServiceCommands.h"
-#include "mailtend/usage.h"
+#include "mailtend/commands.h"
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
-// Commands whose handler is null are listed but not dispatched yet; the
-// comment names the handler that will serve them.
-const CommandEntry command_table[] = {
+namespace {
+
+#define PASSWORD_NOTE                                                                         \
+    "\n        The noncrypted password is transferred in the environment variable ZRN_PASSWORD," \
+    "\n        or crypted password is transferred in the environment variable ZRN_CRYPTED_PASSWORD"
+
+#define HANDLER_TYPES "(global|sender|recipient|sender-domain|recipient-domain)"
+#define HANDLER_HOOKS "(before-queue|before-local|before-remote)"
+#define NAMING "--handler-name=<name> --handler-type=" HANDLER_TYPES \
+               " [--handler-type-name=<name>] --hook=" HANDLER_HOOKS
+#define NOTE "\n        "
+#define TYPE_NAME_NOTE NOTE "--handler-type-name is required for every type except global, and not allowed with it."
+#define MISSING_NOTE NOTE "Exit status 1 if the handler does not exist."
+
+// Option groups shared by several commands.
+const Options domainNameOption = {"domain-name", Value::string, "domain name", mandatory};
+const Options mailnameOptions = {domainNameOption,
+                                 {"mailname", Value::string, "mailname", mandatory}};
+const Options domainDisabledOption = {"mail-domain-disabled,D", Value::none,
+                                      "the domain is disabled (currently unused)"};
+const Options diskQuotaOption = {"disk-quota", Value::int64, "disk quota", mandatory};
+const Options redirectOptions = {mailnameOptions,
+                                 {"redirect-email", Value::string, "redirect email", mandatory}};
+const Options attachmentNameOption = {"attachment-file-name", Value::string,
+                                      "attachment file name", mandatory};
+const Options networkOptions = {{"ip-address", Value::string, "IPv4 address", mandatory},
+                                {"netmask", Value::ipMask, "netmask", mandatory}};
+
+// The SPF settings, in the order updateSPF hands them on.
+const Options spfSettingOptions = {{"spf-behavior", Value::string, "SPF behavior"},
+                                   {"spf-rules", Value::string, "SPF rules"},
+                                   {"spf-guess", Value::string, "SPF guess"},
+                                   {"spf-exp", Value::string, "SPF exp"}};
+
+// The mail-handler commands name a handler by template, type, type name and
+// hook; adding and updating also set executable, context and priority
+// (mandatory to add, kept when left out of an update).
+const Options handlerNamingOptions = {
+    {"handler-name", Value::string, "handler name", mandatory},
+    {"handler-type", Value::string, "handler type " HANDLER_TYPES, mandatory},
+    {"handler-type-name", Value::string, "handler type name"}};
+const Options handlerHookOption = {"hook", Value::string, "hook point " HANDLER_HOOKS, mandatory};
+
+Options handlerOptions()
+{
+    return {handlerNamingOptions, handlerHookOption};
+}
+
+Options handlerOptions(Presence settings)
+{
+    return {handlerNamingOptions,
+            {"executable", Value::string, "handler executable", settings},
+            {"context", Value::string, "handler context", settings},
+            handlerHookOption,
+            {"priority", Value::string, "handler priority", settings}};
+}
+
+} // namespace
+
+const Options &formNotexistingMailOptions()
+{
+    static const Options group = {{"set-catchall", Value::none, "set a domain catchall address"},
+                                  {"email", Value::string, "domain alias name"},
+                                  {"set-bounce", Value::none, "set a domain bounce"},
+                                  {"phrase", Value::string, "phrase"},
+                                  {"set-reject", Value::none, "set domain reject flag"}};
+    return group;
+}
+
+// An entry is filled in up to its help-table texts while its handler is not
+// built; the comment names the handler that will serve it.
+const Command command_table[] = {
     {"--add-mailname",
      "--domain-name=<domain_name> --mailname=<mail_name> [--disk-quota=<quota>]",
-     "adds mailname to the mail domain. Optionally sets the mailbox quota",
-     nullptr}, // addMailname
+     "adds mailname to the mail domain. Optionally sets the mailbox quota"}, // addMailname
     {"--remove-mailname",
      "--domain-name=<domain_name> --mailname=<mail_name>",
-     "removes mailname to the mail domain",
-     nullptr}, // removeMailname
+     "removes mailname to the mail domain"}, // removeMailname
     {"--rename-mailname",
      "--domain-name=<domain_name> --old-mailname=<old_mail_name> --new-mailname=<new_mail_name>",
-     "renames a mailname in the mail domain. Optionally sets the mailbox password.\n        The noncrypted password is transferred in the environment variable ZRN_PASSWORD,\n        or crypted password is transferred in the environment variable ZRN_CRYPTED_PASSWORD",
-     nullptr}, // renameMailname
+     "renames a mailname in the mail domain. Optionally sets the mailbox password." PASSWORD_NOTE}, // renameMailname
     {"--add-mailbox",
      "--domain-name=<domain_name> --mailname=<mail_name>",
-     "adds a mailbox for a given mailname.\n        The noncrypted password is transferred in the environment variable ZRN_PASSWORD,\n        or crypted password is transferred in the environment variable ZRN_CRYPTED_PASSWORD",
-     addMailbox},
+     "adds a mailbox for a given mailname." PASSWORD_NOTE,
+     addMailbox,
+     "add mailname's mailbox",
+     "--add-mailbox --domain-name=<domain_name> --mailname=<mail_name> [--mail-domain-disabled|-D]" PASSWORD_NOTE,
+     {mailnameOptions, domainDisabledOption}},
     {"--remove-mailbox",
      "--domain-name=<domain_name> --mailname=<mail_name>",
      "removes a mailbox for a given mailname.",
-     removeMailbox},
+     removeMailbox,
+     "remove mailname's mailbox",
+     "--remove-mailbox --domain-name=<domain_name> --mailname=<mail_name>",
+     mailnameOptions},
     {"--get-mailbox-size",
      "[--in-blocks] --domain-name=<domain_name> --mailname=<mail_name>",
      "returns the size of mailbox for a mailname.",
-     getMailboxSize},
+     getMailboxSize,
+     "get mailbox size",
+     "--get-mailbox-size [--in-blocks] --domain-name=<domain_name> --mailname=<mail_name>",
+     {{"in-blocks", Value::none, "count result in blocks rather than bytes"}, mailnameOptions}},
     {"--set-password",
      "--domain-name=<domain_name> --mailname=<mail_name>",
-     "sets the password for a mailname\n        The noncrypted password is transferred in the environment variable ZRN_PASSWORD,\n        or crypted password is transferred in the environment variable ZRN_CRYPTED_PASSWORD",
-     setPassword},
+     "sets the password for a mailname" PASSWORD_NOTE,
+     setPassword,
+     "set mailname's password",
+     "--set-password --domain-name=<domain_name> --mailname=<mail_name> [--mail-domain-disabled|-D]" PASSWORD_NOTE,
+     {mailnameOptions, domainDisabledOption}},
     {"--set-mailbox-disk-quota",
      "--domain-name=<domain_name> --mailname=<mail_name> --disk-quota=<quota>",
      "sets the disk quota for a mailbox. Negative quota == Unlimited",
-     setMailboxDiskQuota},
+     setMailboxDiskQuota,
+     "set mailbox disk quota",
+     "--set-mailbox-disk-quota --domain-name=<domain_name> --mailname=<mail_name> --disk-quota=<quota>",
+     {mailnameOptions, diskQuotaOption}},
     {"--add-redirect",
      "--domain-name=<domain_name> --mailname=<mail_name> --redirect-email=<email>",
      "adds mail redirect from the mailname",
-     addRedirect},
+     addRedirect,
+     "add a redirect",
+     "--add-redirect --domain-name=<domain_name> --mailname=<mail_name> --redirect-email=<email>",
+     redirectOptions},
     {"--remove-redirect",
      "--domain-name=<domain_name> --mailname=<mail_name> --redirect-email=<email>",
      "removes mail redirect from the mailname",
-     removeRedirect},
+     removeRedirect,
+     "remove a given redirect",
+     "--remove-redirect --domain-name=<domain_name> --mailname=<mail_name> --redirect-email=<email>",
+     redirectOptions},
     {"--set-autoresponder",
      "--domain-name=<domain_name> --mailname=<mail_name>",
      "enables autoresponder for mailname",
-     addAutoresponder},
+     addAutoresponder,
+     "add autoresponder for a given mailname",
+     "--set-autoresponder --domain-name=<domain_name> --mailname=<mail_name>",
+     mailnameOptions},
     {"--reset-autoresponder",
      "--domain-name=<domain_name> --mailname=<mail_name>",
      "disables autoresponder for mailname",
-     removeAutoresponder},
+     removeAutoresponder,
+     "remove autoresponder for a given mailname",
+     "--reset-autoresponder --domain-name=<domain_name> --mailname=<mail_name>",
+     mailnameOptions},
     {"--add-alias",
      "--domain-name=<domain_name> --mailname=<mail_name> --alias=<email_alias>",
-     "adds an alias for mailname",
-     nullptr}, // addAlias
+     "adds an alias for mailname"}, // addAlias
     {"--remove-alias",
      "--domain-name=<domain_name> --mailname=<mail_name> --alias=<email_alias>",
-     "removes an alias for mailname",
-     nullptr}, // removeAlias
+     "removes an alias for mailname"}, // removeAlias
     {"--add-domain",
      "--domain-name=<domain_name> [--disk-quota=<quota>]",
-     "adds mail domain",
-     nullptr}, // addDomain
+     "adds mail domain"}, // addDomain
     {"--remove-domain",
      "--domain-name=<domain_name>",
-     "removes mail domain",
-     nullptr}, // removeDomain
+     "removes mail domain"}, // removeDomain
     {"--turn-on-domain",
      "--domain-name=<domain_name>",
-     "enables mail domain",
-     nullptr}, // enableDomain
+     "enables mail domain"}, // enableDomain
     {"--turn-off-domain",
      "--domain-name=<domain_name>",
-     "disables mail domain",
-     nullptr}, // disableDomain
+     "disables mail domain"}, // disableDomain
     {"--set-domain-disk-quota",
      "--domain-name=<domain_name> --disk-quota=<quota>",
      "sets a disk space quota to a mail domain. Negative quota == Unlimited",
-     setDomainDiskQuota},
+     setDomainDiskQuota,
+     "set a domain disk quota",
+     "--set-domain-disk-quota --domain-name=<domain> --disk-quota=quota",
+     {domainNameOption, diskQuotaOption}},
     {"--add-badmailfrom",
      "--domain-name=<domain_name>",
      "adds mail domain to the blacklist",
-     addBadMailFrom},
+     addBadMailFrom,
+     "add a badmailfrom",
+     "--add-badmailfrom --domain-name=<domain>",
+     domainNameOption},
     {"--remove-badmailfrom",
      "--domain-name=<domain_name>",
      "removes mail domain from the blacklist",
-     removeBadMailFrom},
+     removeBadMailFrom,
+     "remove a badmailfrom",
+     "--remove-badmailfrom --domain-name=<domain>",
+     domainNameOption},
     {"--set-bounce",
      "--domain-name=<domain_name> [--phrase=<phrase>]",
-     "letters sent to a nonexistent mailname, are bounced with this phrase",
-     nullptr}, // setBounce
+     "letters sent to a nonexistent mailname, are bounced with this phrase"}, // setBounce
     {"--set-catchall",
      "--domain-name=<domain_name> --email=<email_address>",
-     "letters sent to a nonexistent mailname, are forwarded to this email",
-     nullptr}, // setCatchAll
+     "letters sent to a nonexistent mailname, are forwarded to this email"}, // setCatchAll
     {"--set-reject",
      "--domain-name=<domain-name>",
-     "letters sent to a nonexistent mailname are rejected",
-     nullptr}, // setReject
+     "letters sent to a nonexistent mailname are rejected"}, // setReject
     {"--unset-reject",
      "--domain-name=<domain-name>",
-     "do not reject letters sent to a nonexistent mailname",
-     nullptr}, // removeReject
+     "do not reject letters sent to a nonexistent mailname"}, // removeReject
     {"--add-whitelist",
      "--ip-address=<ip_address> --netmask=<netmask>",
      "adds the subnet to the white-list",
-     addWhiteList},
+     addWhiteList,
+     "add a network to whitelist",
+     "--add-whitelist --ip-address=<ip_address> --netmask=<netmask>",
+     networkOptions},
     {"--remove-whitelist",
      "--ip-address=<ip_address> --netmask=<netmask>",
      "removes the subnet from the white-list",
-     removeWhiteList},
+     removeWhiteList,
+     "remove a network from whitelist",
+     "--remove-whitelist --ip-address=<ip_address> --netmask=<netmask>",
+     networkOptions},
     {"--set-maps-protection",
      "[--maps-zones=<zone1,zone2,...,zoneN>]",
-     "installs MAPS protection. Absent list of zones == disabled",
-     nullptr}, // setMapsProtection
+     "installs MAPS protection. Absent list of zones == disabled"}, // setMapsProtection
     {"--set-accounts-format",
      "--account-format=(\"compound\" | \"both\")",
      "sets the POP3/IMAP accounts format",
-     setAccountsFormat},
+     setAccountsFormat,
+     "set accounts format",
+     "--set-accounts-format --account-format=\"compound\"",
+     {"account-format", Value::shortnameFormat,
+      "Accounts format (currently only compound supported)", mandatory}},
     {"--features",
      "",
      "returns PHP code which reflects state of several features support in mailtend.\n        Currently they are auth-type and format",
@@ -140,7 +231,10 @@ const CommandEntry command_table[] = {
     {"--set-max-letter-size",
      "--size=<size_in_bytes>",
      "sets maximum letter size",
-     setMaxLetterSize},
+     setMaxLetterSize,
+     "set maximal letter size",
+     "--set-max-letter-size --size=<size_in_bytes>",
+     {"size", Value::int64, "letter size", mandatory}},
     {"--get-max-letter-size",
      "",
      "gets maximum letter size",
@@ -152,99 +246,137 @@ const CommandEntry command_table[] = {
     {"--list-attachments",
      "[--in-blocks] [--fullname] --domain-name=<domain_name> (--mailname=<mail_name>|--mail-all)",
      "lists attachments for <mail_name>",
-     listAttachments},
+     listAttachments,
+     "list attachments",
+     "--list-attachments [--in-blocks] [--fullname] --domain-name=<domain_name> (--mailname=<mail_name>|--mail-all)",
+     {{"in-blocks", Value::none, "report in blocks rather than bytes (false by default)"},
+      {"fullname", Value::none, "report full attachment paths (false by default)"},
+      domainNameOption,
+      {"mail-all", Value::none, "report attachments for all mailnames (false by default)"},
+      {"mailname", Value::string, "mailname"}}},
     {"--add-attachment",
      "--domain-name=<domain_name> --mailname=<mail_name> --file-name=<full_file_name> --attachment-file-name=<attachment_file_name>",
      "adds attachment for <mail_name>",
-     addAttachment},
+     addAttachment,
+     "add an attachment",
+     "--add-attachment --domain-name=<domain_name> --mailname=<mail_name> --file-name=<full_file_name> --attachment-file-name=<attachment_file_name>",
+     {mailnameOptions, {"file-name", Value::string, "uploaded file name", mandatory},
+      attachmentNameOption}},
     {"--remove-attachment",
      "--domain-name=<domain_name> --mailname=<mail_name> --attachment-file-name=<attachment_file_name>",
      "remove attachment from <mail_name>",
-     removeAttachment},
+     removeAttachment,
+     "remove an attachment",
+     "--remove-attachment --domain-name=<domain_name> --mailname=<mail_name> --attachment-file-name=<attachment_file_name>",
+     {mailnameOptions, attachmentNameOption}},
     {"--update-spf",
      "[--spf-behavior=spf_behavior] [--spf-rules=spf_rules] [--spf-guess=spf_guess] [--spf-exp=<spf_exp>]",
      "updates SPF support configuration files",
-     updateSPF},
+     updateSPF,
+     "update SPF rules",
+     "--update-spf [--spf-behavior=spf_behavior] [--spf-rules=spf_rules] [--spf-guess=spf_guess] [--spf-exp=<spf_exp>]",
+     spfSettingOptions},
     {"--add-domain-alias",
      "--domain-name=<domain_name> --domain-alias-name=<domain_alias_name>",
-     "adds alias for <domain_name>",
-     nullptr}, // addDomainAlias
+     "adds alias for <domain_name>"}, // addDomainAlias
     {"--del-domain-alias",
      "--domain-name=<domain_name> --domain-alias-name=<domain_alias_name>",
-     "removes alias for <domain_name>",
-     nullptr}, // removeDomainAlias
+     "removes alias for <domain_name>"}, // removeDomainAlias
     {"--rename-domain-alias",
      "--domain-name=<domain_name> --old-domain-alias-name=<old_domain_alias_name> --new-domain-alias-name=<new_domain_alias_name>",
-     "renames alias for <domain_name>",
-     nullptr}, // renameDomainAlias
+     "renames alias for <domain_name>"}, // renameDomainAlias
     {"--add-handler",
      "--handler-name=<name> --handler-type=(global|sender|recipient|sender-domain|recipient-domain) --handler-type-name=<name> --executable=<handler> --context=<context> --hook=(before-queue|before-local|before-remote) --priority=<number>",
      "adds a mail-handler",
-     addHandler},
+     addHandler,
+     "add a mail handler",
+     "--add-handler --handler-name=<name> --handler-type=" HANDLER_TYPES
+     " [--handler-type-name=<name>] --executable=<handler> --context=<context> --hook=" HANDLER_HOOKS
+     " --priority=<number>" TYPE_NAME_NOTE
+     NOTE "The handler is added enabled. Exit status 1 if such a handler already exists.",
+     handlerOptions(mandatory)},
     {"--update-handler",
      "--handler-name=<name> --handler-type=(global|sender|recipient|sender-domain|recipient-domain) --executable=<handler> --context=<context> --hook=(before-queue|before-local|before-remote) --priority=<number>",
      "updates a given mail-handler",
-     updateHandler},
+     updateHandler,
+     "update a mail handler",
+     "--update-handler " NAMING
+     " [--executable=<handler>] [--context=<context>] [--priority=<number>]" TYPE_NAME_NOTE
+     NOTE "Options left out keep the handler's executable, context and priority; it stays"
+     NOTE "enabled or disabled as it was." MISSING_NOTE,
+     handlerOptions(optional)},
     {"--remove-handler",
      "--handler-name=<name> --handler-type=(global|sender|recipient|sender-domain|recipient-domain) --handler-type-name=<name> --hook=(before-queue|before-local|before-remote)",
      "removes a given mail-handler",
-     removeHandler},
+     removeHandler,
+     "remove a mail handler",
+     "--remove-handler " NAMING TYPE_NAME_NOTE MISSING_NOTE,
+     handlerOptions()},
     {"--disable-handler",
      "--handler-name=<name> --handler-type=(global|sender|recipient|sender-domain|recipient-domain) --handler-type-name=<name> --hook=(before-queue|before-local|before-remote)",
      "disables a given mail-handler",
-     disableHandler},
+     disableHandler,
+     "disable a mail handler",
+     "--disable-handler " NAMING TYPE_NAME_NOTE
+     NOTE "Disabling a disabled handler succeeds." MISSING_NOTE,
+     handlerOptions()},
     {"--enable-handler",
      "--handler-name=<name> --handler-type=(global|sender|recipient|sender-domain|recipient-domain) --handler-type-name=<name> --hook=(before-queue|before-local|before-remote)",
      "enables a given mail-handler",
-     enableHandler},
+     enableHandler,
+     "enable a mail handler",
+     "--enable-handler " NAMING TYPE_NAME_NOTE
+     NOTE "Enabling an enabled handler succeeds." MISSING_NOTE,
+     handlerOptions()},
     {"--check-handler",
      "--handler-name=<name> --handler-type=(global|sender|recipient|sender-domain|recipient-domain) --handler-type-name=<name> --hook=(before-queue|before-local|before-remote)",
      "checks if a given mail-handler exists",
-     checkHandler},
+     checkHandler,
+     "check whether a mail handler exists",
+     "--check-handler " NAMING TYPE_NAME_NOTE
+     NOTE "Prints nothing: exit status 0 if the handler exists (enabled or not), 1 if not.",
+     handlerOptions()},
     {"--set-domain-key",
      "--domain-name=<domain_name> --file-name=<full_file_name>",
      "sets DomainKey for <domain_name>",
-     setDomainKey},
+     setDomainKey,
+     "set DomainKey",
+     "--set-domain-key --domain-name=<domain,domain,... > --file-name=<full_file_name>",
+     {domainNameOption, {"file-name", Value::string, "full path to uploaded key", mandatory}}},
     {"--remove-domain-key",
      "--domain-name=<domain_name>",
      "removes DomainKey for <domain_name>",
-     removeDomainKey},
+     removeDomainKey,
+     "remove DomainKey",
+     "--remove-domain-key --domain-name=<domain,domain,...>",
+     domainNameOption},
     {"--set-mail-params",
      "[--relayclient] [--smtpauth] [--popauth] [--poplock-time=<time_in_seconds>] [--shortnames]",
-     "sets relaying & mailnames parameters",
-     nullptr}, // setMailParams
+     "sets relaying & mailnames parameters"}, // setMailParams
     {"--start-service",
      "[--mail-component={mta|smtp|smtps|submission|pop3|imap|pop3s|imaps|all}] [--mail-component=...]",
-     "starts entire mail service or one or more of its components",
-     nullptr}, // startService
+     "starts entire mail service or one or more of its components"}, // startService
     {"--stop-service",
      "[--mail-component={mta|smtp|smtps|submission|pop3|imap|pop3s|imaps|all}] [--mail-component=...]",
-     "stops entire mail service or its components",
-     nullptr}, // stopService
+     "stops entire mail service or its components"}, // stopService
     {"--restart-service",
      "[--mail-component={mta|smtp|smtps|submission|pop3|imap|pop3s|imaps|all}] [--mail-component=...]",
-     "restarts entire mail service or one or more of its components",
-     nullptr}, // restartService
+     "restarts entire mail service or one or more of its components"}, // restartService
     {"--reload-service",
      "[--mail-component={mta|smtp|smtps|submission|pop3|imap|pop3s|imaps|all}] [--mail-component=...]",
-     "reloads configuration for all or selected mail components",
-     nullptr}, // reloadService
+     "reloads configuration for all or selected mail components"}, // reloadService
     {"--status-service",
      "[--mail-component={mta|smtp|smtps|submission|pop3|imap|pop3s|imaps|all}] [--mail-component=...]",
-     "returns status of entire mail service or its subcomponents",
-     nullptr}, // statusService
+     "returns status of entire mail service or its subcomponents"}, // statusService
     {"-p, --start-smtpd",
      "",
-     "starts SMTP server (obsoleted, use --start-service --mail-component=smtp --mail-component=smtps)",
-     nullptr}, // startSMTPD
+     "starts SMTP server (obsoleted, use --start-service --mail-component=smtp --mail-component=smtps)"}, // startSMTPD
     {"-o, --stop-smtpd",
      "",
-     "stops SMTP server (obsoleted, use --stop-service --mail-component=smtp --mail-component=smtps)",
-     nullptr}, // stopSMTPD
+     "stops SMTP server (obsoleted, use --stop-service --mail-component=smtp --mail-component=smtps)"}, // stopSMTPD
     {"-r, --restart-smtpd",
      "",
-     "restarts SMTP server (obsoleted, use --restart-service --mail-component=smtp --mail-component=smtps)",
-     nullptr}, // restartSMTPD
+     "restarts SMTP server (obsoleted, use --restart-service --mail-component=smtp --mail-component=smtps)"}, // restartSMTPD
     {"-s, --status-smtpd",
      "",
      "SMTP server status (obsoleted, use --status-service --mail-component=smtp --mail-component=smtps)",
@@ -275,12 +407,10 @@ const CommandEntry command_table[] = {
      statusIMAP},
     {"-a, --enable-message-submission",
      "",
-     "enables message submission (obsoleted, use --start-service --mail-component=submission",
-     nullptr}, // enableSubmission
+     "enables message submission (obsoleted, use --start-service --mail-component=submission"}, // enableSubmission
     {"-b, --disable-message-submission",
      "",
-     "disables message submission (obsoleted, use --stop-service --mail-component=submission)",
-     nullptr}, // disableSubmission
+     "disables message submission (obsoleted, use --stop-service --mail-component=submission)"}, // disableSubmission
     {"--help-commands",
      "",
      "displays mailtend commands list and exit",
@@ -297,7 +427,4 @@ const CommandEntry command_table[] = {
 
 const std::size_t command_table_size = sizeof command_table / sizeof command_table[0];
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands

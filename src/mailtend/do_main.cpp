@@ -11,15 +11,12 @@
 #include <iostream>
 #include <typeinfo>
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
 CommandMapAssigner &CommandMapAssigner::operator()(const std::string &word,
-                                                   CommandHandler handler)
+                                                   const Command &command)
 {
-    map_[word] = handler;
+    map_[word] = &command;
     return *this;
 }
 
@@ -27,16 +24,16 @@ void fillCommandMap(CommandMap &map)
 {
     CommandMapAssigner assign(map);
     for (std::size_t i = 0; i < command_table_size; ++i) {
-        const CommandEntry &e = command_table[i];
-        if (e.handler == nullptr)
+        const Command &c = command_table[i];
+        if (c.handler == nullptr)
             continue;
         // "-p, --start-smtpd": both words reach the same handler.
-        const std::string text(e.command);
+        const std::string text(c.text);
         const std::string::size_type comma = text.find(", ");
         if (comma == std::string::npos) {
-            assign(text, e.handler);
+            assign(text, c);
         } else {
-            assign(text.substr(0, comma), e.handler)(text.substr(comma + 2), e.handler);
+            assign(text.substr(0, comma), c)(text.substr(comma + 2), c);
         }
     }
 }
@@ -66,10 +63,7 @@ int runGuarded(int (*run)(int, char **), int argc, char **argv)
     }
 }
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands
 
 namespace mc = zarnet::mail::postfix::mailtend_commands;
 
@@ -90,5 +84,5 @@ int do_main(int argc, char **argv)
     }
 
     mailAuthDBSelectStyle(1);
-    return found->second(argc - 1, argv + 1);
+    return mc::runCommand(*found->second, argc - 1, argv + 1);
 }

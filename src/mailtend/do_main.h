@@ -14,19 +14,16 @@
 #include <map>
 #include <string>
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
-typedef std::map<std::string, CommandHandler> CommandMap;
+typedef std::map<std::string, const Command *> CommandMap;
 
 class CommandMapAssigner {
 public:
     explicit CommandMapAssigner(CommandMap &map) : map_(map) {}
 
     // A later assignment of the same word replaces the earlier one.
-    CommandMapAssigner &operator()(const std::string &word, CommandHandler handler);
+    CommandMapAssigner &operator()(const std::string &word, const Command &command);
 
 private:
     CommandMap &map_;
@@ -43,10 +40,7 @@ void printFatalError(const std::exception &e);
 // std::exception and 2 after anything else, each reported on zarnet::uerr.
 int runGuarded(int (*run)(int, char **), int argc, char **argv);
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands
 
 int do_main(int argc, char **argv);
 

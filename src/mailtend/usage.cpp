@@ -1,6 +1,7 @@
 #include "mailtend/usage.h"
 
 #include "mailtend/command_table.h"
+#include "mailtend/commands.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -8,10 +9,7 @@
 #include <iostream>
 #include <string>
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
 namespace {
 
@@ -37,14 +35,14 @@ void writeUsageCommands(std::ostream &os)
 {
     std::size_t width = 0;
     for (std::size_t i = 0; i < command_table_size; ++i)
-        width = std::max(width, std::strlen(command_table[i].command));
+        width = std::max(width, std::strlen(command_table[i].text));
     width += 2;
 
     os << "Mailtend commands:" << std::endl;
     for (std::size_t i = 0; i < command_table_size; ++i) {
-        const CommandEntry &e = command_table[i];
-        const std::size_t len = std::strlen(e.command);
-        os << e.command << std::string(width - len, ' ') << e.description << std::endl;
+        const Command &e = command_table[i];
+        const std::size_t len = std::strlen(e.text);
+        os << e.text << std::string(width - len, ' ') << e.summary << std::endl;
     }
 }
 
@@ -52,9 +50,9 @@ void writeUsageLegacy(std::ostream &os)
 {
     os << "Usage: mailtend [OPTIONS]... " << std::endl;
     for (std::size_t i = 0; i < command_table_size; ++i) {
-        const CommandEntry &e = command_table[i];
-        os << "  " << e.command << ' ' << e.syntax << std::endl
-           << "        " << e.description << std::endl;
+        const Command &e = command_table[i];
+        os << "  " << e.text << ' ' << e.syntax << std::endl
+           << "        " << e.summary << std::endl;
     }
 }
 
@@ -76,24 +74,21 @@ void usageLegacy(int status, std::ostream &os)
     finish(status, os);
 }
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
+} // namespace zarnet::mail::postfix::mailtend_commands
 
 namespace mc = zarnet::mail::postfix::mailtend_commands;
 
-int usageShortCmd(int, char **)
+int usageShortCmd(const mc::Args &)
 {
     mc::usageShort(0, std::cout);
 }
 
-int usageCommandsCmd(int, char **)
+int usageCommandsCmd(const mc::Args &)
 {
     mc::usageCommands(0, std::cout);
 }
 
-int usageLegacyCmd(int, char **)
+int usageLegacyCmd(const mc::Args &)
 {
     mc::usageLegacy(0, std::cout);
 }

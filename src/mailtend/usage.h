@@ -5,10 +5,7 @@
 
 #include <ostream>
 
-namespace zarnet {
-namespace mail {
-namespace postfix {
-namespace mailtend_commands {
+namespace zarnet::mail::postfix::mailtend_commands {
 
 [[noreturn]] void usageShort(int status, std::ostream &os);
 [[noreturn]] void usageCommands(int status, std::ostream &os);
@@ -20,14 +17,6 @@ void writeUsageShort(std::ostream &os);
 void writeUsageCommands(std::ostream &os);
 void writeUsageLegacy(std::ostream &os);
 
-} // namespace mailtend_commands
-} // namespace postfix
-} // namespace mail
-} // namespace zarnet
-
-// Command handlers of the help commands: arguments ignored, status 0.
-int usageShortCmd(int argc, char **argv);
-int usageCommandsCmd(int argc, char **argv);
-int usageLegacyCmd(int argc, char **argv);
+} // namespace zarnet::mail::postfix::mailtend_commands
 
 #endif

@@ -17,8 +17,7 @@ BackgroundChild::BackgroundChild(const std::function<int()> &body)
     std::cout.flush();
     std::cerr.flush();
     std::fflush(nullptr);
-    pid_ = fork();
-    if (pid_ < 0)
+    if ((pid_ = fork()) < 0)
         throw std::runtime_error("fork failed");
     if (pid_ == 0) {
         int status = 99;
@@ -32,10 +31,10 @@ BackgroundChild::BackgroundChild(const std::function<int()> &body)
 
 BackgroundChild::~BackgroundChild()
 {
-    if (reaped_)
-        return;
-    kill(pid_, SIGKILL);
-    wait();
+    if (!reaped_) {
+        kill(pid_, SIGKILL);
+        wait();
+    }
 }
 
 std::string BackgroundChild::wait()
@@ -61,13 +60,13 @@ std::string readAll(int fd)
 {
     std::string text;
     char buf[4096];
-    for (;;) {
-        const ssize_t n = read(fd, buf, sizeof buf);
+    for (ssize_t n; (n = read(fd, buf, sizeof buf)) != 0;) {
         if (n > 0)
             text.append(buf, static_cast<size_t>(n));
-        else if (n == 0 || errno != EINTR)
-            return text;
+        else if (errno != EINTR)
+            break;
     }
+    return text;
 }
 
 } // namespace testsupport

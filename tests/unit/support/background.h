@@ -1,5 +1,4 @@
-// A second process that runs beside the test, for tests that need another
-// party at the same time: a lock holder, a waiting locker, a reader.
+// A second process beside the test: a lock holder, a waiting locker, a reader.
 #ifndef MAILTEND_TESTS_BACKGROUND_H
 #define MAILTEND_TESTS_BACKGROUND_H
 
@@ -12,11 +11,9 @@ namespace testsupport {
 
 class BackgroundChild {
 public:
-    // Forks; the child runs body and leaves with _exit(body()), or status 99
-    // when body throws. Throws std::runtime_error when fork fails.
+    // The child leaves with _exit(body()), or 99 when body throws.
     explicit BackgroundChild(const std::function<int()> &body);
-    // A child not waited for is killed and reaped, so a failed assertion
-    // leaves no process behind.
+    // Kills and reaps a child not waited for, so a failed assertion leaves no process.
     ~BackgroundChild();
     BackgroundChild(const BackgroundChild &) = delete;
     BackgroundChild &operator=(const BackgroundChild &) = delete;
@@ -32,7 +29,6 @@ private:
 
 // A raw wait status as "exit N" or "signal N", for got/want messages.
 std::string exitText(int status);
-
 // Everything read from fd up to end of file (or a read error).
 std::string readAll(int fd);
 

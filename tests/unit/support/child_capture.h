@@ -1,6 +1,6 @@
-// Runs a piece of code in a child process with its standard output and
-// standard error captured separately, for code that ends the process or
-// whose contract is what reaches each stream.
+// Runs code in a child process with standard output and standard error
+// captured apart, for code that ends the process or whose contract is what
+// reaches each stream.
 #ifndef MAILTEND_TESTS_CHILD_CAPTURE_H
 #define MAILTEND_TESTS_CHILD_CAPTURE_H
 

@@ -1,12 +1,10 @@
 #!/usr/bin/python3
-"""Stands in front of the table compiler in tests: records each run's
-arguments (and, when asked, whether a lock file was held at that moment),
-may fail on purpose, then runs the real compiler.
+"""Stands in front of the table compiler in tests, then runs the real one.
 
-MAILTEND_COMPILER_LOG   file the runs are appended to
+MAILTEND_COMPILER_LOG   file each run's arguments are appended to
 MAILTEND_PROBE_LOCK     lock file to probe: " held" or " free" ends the line
-MAILTEND_COMPILER_FAIL  "exit" fails a run with the given first argument
-                        ("ARG:exit"), "kill" compiles and then dies by SIGKILL
+MAILTEND_COMPILER_FAIL  "ARG:exit" fails a run whose first argument is ARG (any
+                        run without "ARG:"); "kill" compiles, then dies by SIGKILL
 """
 import fcntl
 import os
@@ -27,12 +25,13 @@ with open(os.environ["MAILTEND_COMPILER_LOG"], "a") as log:
     log.write(line + "\n")
 
 when, _, how = os.environ.get("MAILTEND_COMPILER_FAIL", "").rpartition(":")
+postmap = ["/usr/sbin/postmap"] + args
 if how and (when == "" or when == args[0]):
     if how == "exit":
         print("postmap: fatal: injected", file=sys.stderr)
         sys.exit(1)
     if os.fork() == 0:
-        os.execv("/usr/sbin/postmap", ["/usr/sbin/postmap"] + args)
+        os.execv(postmap[0], postmap)
     os.wait()
     os.kill(os.getpid(), signal.SIGKILL)
-os.execv("/usr/sbin/postmap", ["/usr/sbin/postmap"] + args)
+os.execv(postmap[0], postmap)

@@ -9,9 +9,8 @@ namespace testsupport {
 
 std::string slurp(const std::string &path)
 {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
 }
 

@@ -1,5 +1,5 @@
-// A child of the test process that only waits, under a command name of the
-// test's choosing, for tests that look for processes by name and parent.
+// A child that only waits, under a command name of the test's choosing, for
+// tests that look for processes by name and parent.
 #ifndef MAILTEND_TESTS_NAMED_CHILD_H
 #define MAILTEND_TESTS_NAMED_CHILD_H
 

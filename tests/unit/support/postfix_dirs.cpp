@@ -7,12 +7,11 @@
 
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
-#include <vector>
 
 namespace testsupport {
 
@@ -20,16 +19,12 @@ std::string runProgram(const std::vector<std::string> &argv, int *status,
                        const std::string &input)
 {
     using namespace zarnet::process;
-    std::vector<std::string> args(argv.begin() + 1, argv.end());
-    Pipe pipe(Parameters<PipeProcessFlags>(argv[0], args));
+    Pipe pipe(Parameters<PipeProcessFlags>(argv[0], std::vector<std::string>(argv.begin() + 1, argv.end())));
     std::string out, err;
     pipe.stdoutChannel().receiver = makeStringReceiver(out);
     pipe.stderrChannel().receiver = makeStringReceiver(err);
-    bool sent = false;
-    pipe.setInput([&](std::vector<char> &buf) {
-        if (!sent)
-            buf.assign(input.begin(), input.end());
-        sent = true;
+    pipe.setInput([&input](std::vector<char> &buf) {
+        buf.assign(input.begin(), input.end());
         return false;
     });
     const int st = pipe.run();
@@ -49,10 +44,8 @@ PostfixDirs::PostfixDirs()
     config = root + "/config";
     for (const std::string &d : {tables, locks, config})
         mkdir(d.c_str(), 0755);
-    std::ifstream in("/etc/postfix/main.cf", std::ios::binary);
-    std::ofstream out(config + "/main.cf", std::ios::binary);
-    out << in.rdbuf();
-    out.close();
+    std::ofstream(config + "/main.cf", std::ios::binary)
+        << std::ifstream("/etc/postfix/main.cf", std::ios::binary).rdbuf();
     settle();
     setenv("MAIL_CONFIG", config.c_str(), 1);
     mk_lock_set_dir_for_testing(locks.c_str());
@@ -85,17 +78,11 @@ std::string PostfixDirs::query(const std::string &table, const std::string &key)
 std::map<std::string, std::string> PostfixDirs::dump(const std::string &table)
 {
     std::map<std::string, std::string> records;
-    const std::string text = runProgram({"/usr/sbin/postmap", "-s", table});
-    std::string::size_type start = 0;
-    while (start < text.size()) {
-        std::string::size_type end = text.find('\n', start);
-        if (end == std::string::npos)
-            end = text.size();
-        const std::string line = text.substr(start, end - start);
+    std::istringstream text(runProgram({"/usr/sbin/postmap", "-s", table}));
+    for (std::string line; std::getline(text, line);) {
         const std::string::size_type blank = line.find_first_of(" \t");
         records[line.substr(0, blank)] =
             blank == std::string::npos ? "" : line.substr(line.find_first_not_of(" \t", blank));
-        start = end + 1;
     }
     return records;
 }

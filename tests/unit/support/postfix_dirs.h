@@ -1,7 +1,6 @@
-// Private directories for tests that run the real Postfix tools: a table
-// directory, a lock directory, and a configuration directory (main.cf copied
-// from the installed one) that postconf uses through MAIL_CONFIG, so no test
-// reads or writes the machine's own configuration or locks.
+// Private table, lock and configuration directories (main.cf copied from the
+// installed one, given to postconf through MAIL_CONFIG) for tests that run
+// the real Postfix tools, so none touches the machine's own files or locks.
 #ifndef MAILTEND_TESTS_POSTFIX_DIRS_H
 #define MAILTEND_TESTS_POSTFIX_DIRS_H
 
@@ -25,7 +24,6 @@ public:
     static std::string query(const std::string &table, const std::string &key);
     // postmap -s as a map.
     static std::map<std::string, std::string> dump(const std::string &table);
-    // Creates an empty table.
     static void create(const std::string &table);
     // Moves main.cf back in time so the tools do not wait for it to settle.
     void settle() const;
@@ -33,9 +31,8 @@ public:
     std::string root, tables, locks, config;
 };
 
-// For its lifetime, every table-compiler run goes through the logging and
-// fault-injecting wrapper (compiler_logger.py), which appends each run's
-// arguments to the log before running the real compiler.
+// For its lifetime every table-compiler run goes through compiler_logger.py,
+// which logs its arguments and may inject faults before running the real one.
 class CompilerLog {
 public:
     explicit CompilerLog(const std::string &path);

@@ -1,8 +1,6 @@
-// Unit tests that need the rig's accounts and servers (the "popuser" account,
-// the panel database on its socket, fixed system paths) run inside a sandbox:
-// tests/system/test_sandboxed_units.py starts one and runs every suite whose
-// name ends in "Sandboxed" there, with MAILTEND_IN_SANDBOX=1. On the host
-// those tests skip.
+// Suites named *Sandboxed need the rig's accounts, panel database and system
+// paths: tests/system/test_sandboxed_units.py runs them inside a sandbox with
+// MAILTEND_IN_SANDBOX=1; on the host they skip.
 #ifndef MAILTEND_TESTS_SUPPORT_SANDBOXED_H
 #define MAILTEND_TESTS_SUPPORT_SANDBOXED_H
 

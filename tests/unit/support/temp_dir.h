@@ -6,9 +6,8 @@
 
 namespace testsupport {
 
-// Creates "<test temporary directory><prefix>-XXXXXX" (mkdtemp) or throws
-// std::runtime_error; removes it and everything in it at destruction with
-// rm_tree, which never follows a link out of it.
+// "<test temporary directory><prefix>-XXXXXX", or std::runtime_error; removed
+// with everything in it by rm_tree, which never follows a link out of it.
 class TempDir {
 public:
     explicit TempDir(const std::string &prefix);

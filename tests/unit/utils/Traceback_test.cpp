@@ -4,37 +4,27 @@
 
 #include <sstream>
 
-TEST(Traceback, PrintsHeaderAndOneLinePerFrame)
+namespace {
+
+std::string printed(const zarnet::Traceback &tb)
 {
-    const zarnet::Traceback tb;
     std::ostringstream os;
     os << tb;
-    const std::string text = os.str();
-    ASSERT_EQ(text.rfind("Traceback:\n", 0), 0u) << text;
-    EXPECT_NE(text.find("\n\t"), std::string::npos) << text;
+    return os.str();
 }
 
-TEST(Traceback, SkippingMoreThanCapturedPrintsNoFrames)
-{
-    const zarnet::Traceback tb(1000);
-    std::ostringstream os;
-    os << tb;
-    EXPECT_EQ(os.str(), "Traceback:\n");
-}
+} // namespace
 
-TEST(Traceback, CopiesPrintIndependently)
+TEST(Traceback, PrintsFramesAndCopiesPrintIndependently)
 {
-    // Exceptions are copied when thrown: a copy must not share the
-    // resolved symbols of the original (double free under the sanitizer).
-    zarnet::Traceback a;
-    std::ostringstream first;
-    first << a;
-    zarnet::Traceback b(a);
-    zarnet::Traceback c(5);
+    const zarnet::Traceback a;
+    const std::string first = printed(a);
+    EXPECT_EQ(first.rfind("Traceback:\n\t", 0), 0u) << first;
+    EXPECT_EQ(printed(zarnet::Traceback(1000)), "Traceback:\n") << "skipping more than captured";
+    // Exceptions are copied when thrown: a copy sharing the original's
+    // resolved symbols would free them twice (the sanitizer reports it).
+    zarnet::Traceback b(a), c(5);
     c = a;
-    std::ostringstream second, third;
-    second << b;
-    third << c;
-    EXPECT_EQ(first.str(), second.str());
-    EXPECT_EQ(first.str(), third.str());
+    EXPECT_EQ(printed(b), first);
+    EXPECT_EQ(printed(c), first);
 }

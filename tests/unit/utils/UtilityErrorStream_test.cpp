@@ -6,51 +6,22 @@
 
 #include <unistd.h>
 
-using testsupport::runInChild;
+#include <cstring>
 
-namespace {
-
-void rawOut(const char *text)
+TEST(UtilityErrorStream, ErrorAtOnceOutputOncePerLineAndAtExit)
 {
-    // Straight to the descriptor: shows what reached standard output so far.
-    ssize_t n = write(1, text, strlen(text));
-    (void)n;
-}
-
-} // namespace
-
-TEST(UtilityErrorStream, ErrorAtOnceOutputAtFlush)
-{
-    const auto r = runInChild([] {
+    const auto r = testsupport::runInChild([] {
+        // Straight to the descriptor: marks what reached standard output so far.
+        const auto mark = [](const char *text) { return write(1, text, strlen(text)); };
         zarnet::uerr << "abc";
-        rawOut("[before flush]");
-        zarnet::uerr << std::endl;
-        rawOut("[after flush]");
-        return 0;
-    });
-    EXPECT_EQ(r.err, "abc\n") << r;
-    EXPECT_EQ(r.out, "[before flush]abc\n[after flush]") << r;
-}
-
-TEST(UtilityErrorStream, UnfinishedLineReachesOutputAtExit)
-{
-    const auto r = runInChild([] {
+        mark("[before flush]");
+        zarnet::uerr << std::endl << "two" << std::endl;
+        zarnet::uerr.flush(); // nothing pending: must not repeat "two"
+        mark("[after flush]");
         zarnet::uerr << "partial";
-        rawOut("[end]");
         return 3;
     });
     EXPECT_EQ(r.status, 3);
-    EXPECT_EQ(r.err, "partial");
-    EXPECT_EQ(r.out, "[end]partial") << r;
-}
-
-TEST(UtilityErrorStream, EachLineCopiedOnce)
-{
-    const auto r = runInChild([] {
-        zarnet::uerr << "one" << std::endl << "two" << std::endl;
-        zarnet::uerr.flush(); // nothing pending: must not repeat "two"
-        return 0;
-    });
-    EXPECT_EQ(r.out, "one\ntwo\n") << r;
-    EXPECT_EQ(r.err, "one\ntwo\n") << r;
+    EXPECT_EQ(r.err, "abc\ntwo\npartial");
+    EXPECT_EQ(r.out, "[before flush]abc\ntwo\n[after flush]partial");
 }

@@ -24,15 +24,8 @@ namespace {
 using testsupport::exists;
 using testsupport::spit;
 
-int chmodTree(const char *path)
-{
-    return chmod_tree(path, 0700, 0600);
-}
-
-int chownTree(const char *path)
-{
-    return chown_tree(path, 1234, 5678);
-}
+const auto chmodTree = [](const char *path) { return chmod_tree(path, 0700, 0600); };
+const auto chownTree = [](const char *path) { return chown_tree(path, 1234, 5678); };
 
 struct stat attrs(const std::string &path)
 {
@@ -83,11 +76,9 @@ protected:
     void expectOutsideUntouched()
     {
         for (const auto &[path, before] : outsideBefore_) {
-            ASSERT_TRUE(exists(path)) << "removed " << path;
             const struct stat now = attrs(path);
-            EXPECT_EQ(now.st_uid, before.st_uid) << "changed owner of " << path;
-            EXPECT_EQ(now.st_gid, before.st_gid) << "changed group of " << path;
-            EXPECT_EQ(now.st_mode, before.st_mode) << "changed mode of " << path;
+            EXPECT_TRUE(exists(path) && now.st_uid == before.st_uid && now.st_gid == before.st_gid &&
+                        now.st_mode == before.st_mode) << "removed or changed " << path;
         }
     }
 
@@ -149,8 +140,7 @@ TEST_F(FileTreeTest, MissingPathsAndDotNamesGiveTheirResult)
 {
     const std::string missing = tree_ + "/absent";
     const auto report = [](const std::string &what, int code) {
-        const std::string text = std::strerror(code);
-        return what + ": " + text + "\nSystem error " + std::to_string(code) + ": " + text + "\n";
+        return what + ": " + std::strerror(code) + "\nSystem error " + std::to_string(code) + ": " + std::strerror(code) + "\n";
     };
     const auto refused = [&](const std::string &path) {
         return report("rm_tree: Unable to remove " + path, EINVAL);
@@ -162,8 +152,7 @@ TEST_F(FileTreeTest, MissingPathsAndDotNamesGiveTheirResult)
         int want_errno; // 0: success
         std::string want_out;
     } cases[] = {
-        {"rm_tree fails on a missing path", rm_tree, missing, 0, ""},
-        {"rm_tree fails on a missing parent", rm_tree, dir_ + "/no/such/parent", 0, ""},
+        {"rm_tree fails on a missing path or parent", rm_tree, dir_ + "/no/such/parent", 0, ""},
         {"chown_tree accepts a missing path", chownTree, missing, ENOENT,
          report("chown_tree: Unable to stat " + missing, ENOENT)},
         {"chmod_tree accepts a missing path", chmodTree, missing, ENOENT,
@@ -194,12 +183,12 @@ TEST_F(FileTreeTest, FailureDeepInsideStopsAndNamesTheEntry)
         setrlimit(RLIMIT_NOFILE, &limit);
         return chmodTree(tree_.c_str()) == -1 && errno == EMFILE ? 0 : 1;
     });
+    // One report naming an entry inside: the walk stopped at the failure.
     EXPECT_EQ(r.status, 0) << r;
-    const std::string prefix = "chmod_tree: Unable to ";
-    EXPECT_EQ(r.out.compare(0, prefix.size(), prefix), 0) << r.out;
+    EXPECT_EQ(r.out.rfind("chmod_tree: Unable to ", 0), 0u) << r.out;
     EXPECT_NE(r.out.find(" " + tree_ + "/"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find(": Too many open files\nSystem error 24"), std::string::npos) << r.out;
-    EXPECT_EQ(r.out.find("chmod_tree", 1), std::string::npos) << "went on after the failure: " << r.out;
+    EXPECT_EQ(r.out.find("chmod_tree", 1), std::string::npos) << r.out;
 }
 
 } // namespace

@@ -1,8 +1,8 @@
 #include "utils/fork_exec.h"
 
 #include "support/child_capture.h"
-#include "support/children.h"
 #include "support/files.h"
+#include "support/probes.h"
 #include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
@@ -18,11 +18,11 @@ TEST(ForkExec, ResultAndReportFollowTheChild)
 {
     const testsupport::TempDir temp("forkexec");
     const std::string script = temp.path() + "/prog";
-    testsupport::spit(script, "#!/bin/sh\necho \"$0|$1|$2\" > \"$2\"\nexit \"$1\"\n");
-    fs::permissions(script, fs::perms(0755));
     const std::string killer = temp.path() + "/killer";
+    testsupport::spit(script, "#!/bin/sh\necho \"$0|$1|$2\" > \"$2\"\nexit \"$1\"\n");
     testsupport::spit(killer, "#!/bin/sh\nkill -9 $$\n");
-    fs::permissions(killer, fs::perms(0755));
+    for (const auto &p : {script, killer})
+        fs::permissions(p, fs::perms(0755));
     const std::string out = temp.path() + "/out";
 
     const struct {

@@ -17,17 +17,10 @@ using testsupport::NamedChild;
 
 TEST(WalkProcesses, ReportsNameAndParentOfEachProcess)
 {
-    const struct {
-        const char *fault;
-        std::string name;
-    } cases[] = {
-        {"plain name", "qmgr"},
-        {"name cut at its first closing parenthesis", "a) b (c"},
-        {"name cut at a blank", "x y"},
-        {"fields counted from the name's own parenthesis", "1) R 77 (z"},
-    };
-    for (const auto &c : cases) {
-        NamedChild child(c.name);
+    // Names that would be cut at their first ")" or blank, or make fields be
+    // counted from their own parenthesis.
+    for (const std::string name : {"qmgr", "a) b (c", "x y", "1) R 77 (z"}) {
+        NamedChild child(name);
         std::string got = "<not seen>";
         pid_t gotParent = -1;
         const bool stopped = walkProcesses([&](pid_t pid, pid_t ppid, const std::string &name) {
@@ -37,9 +30,9 @@ TEST(WalkProcesses, ReportsNameAndParentOfEachProcess)
             gotParent = ppid;
             return true;
         });
-        EXPECT_TRUE(stopped) << c.fault;
-        EXPECT_EQ(got, c.name) << c.fault;
-        EXPECT_EQ(gotParent, ::getpid()) << c.fault;
+        EXPECT_TRUE(stopped) << name;
+        EXPECT_EQ(got, name);
+        EXPECT_EQ(gotParent, ::getpid()) << name;
     }
 }
 
@@ -64,15 +57,8 @@ TEST(FindProcessByPath, MatchesTheWholeExecutablePathAndKillprocSignalsIt)
     }
     EXPECT_EQ(found, pid);
 
-    const struct {
-        const char *fault;
-        std::string path;
-    } misses[] = {
-        {"prefix of the link taken as a match", path.substr(0, path.size() - 1)},
-        {"link taken as a match for a longer path", path + "2"},
-    };
-    for (const auto &m : misses)
-        EXPECT_EQ(findProcessByPath(m.path), -1) << m.fault;
+    EXPECT_EQ(findProcessByPath(path.substr(0, path.size() - 1)), -1) << "a prefix taken as a match";
+    EXPECT_EQ(findProcessByPath(path + "2"), -1) << "a longer path taken as a match";
 
     EXPECT_EQ(killproc(path, SIGTERM), 1);
     int status = 0;

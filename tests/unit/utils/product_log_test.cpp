@@ -7,55 +7,27 @@
 #include <cerrno>
 #include <cstring>
 
-using testsupport::runInChild;
-
-TEST(Messlog2, WritesBothStreamsAndOneLineFeed)
+TEST(Messlog2, WritesBothStreamsWithOneLineFeedAndEndsOnStatus)
 {
+    const std::string big(10000, 'x'); // beyond the first buffer
     const struct {
-        const char *name;
-        int saved_errno;
-        const char *format;
-        const char *want;
+        const char *fault;
+        int status, saved_errno;
+        std::string format, want;
     } cases[] = {
-        {"adds_line_feed", 0, "plain", "plain\n"},
-        {"keeps_existing_line_feed", 0, "ends\n", "ends\n"},
-        {"formats_arguments", 0, "%s=%d", "x=5\n"},
-        {"appends_errno_line", ENOENT, "open(f)",
-         "open(f)\nSystem error 2: No such file or directory\n"},
+        {"line feed not added", 0, 0, "plain %d", "plain 5\n"},
+        {"existing line feed doubled", 0, 0, "ends %d\n", "ends 5\n"},
+        {"errno line missing", 0, ENOENT, "open(%d)", "open(5)\nSystem error 2: No such file or directory\n"},
+        {"long message cut", 0, EACCES, big + "%d", big + "5\nSystem error 13: " + std::strerror(EACCES) + "\n"},
+        {"status not ending the process after writing", 1, 0, "fatal %d", "fatal 5\n"},
     };
     for (const auto &c : cases) {
-        const auto r = runInChild([&] {
+        const auto r = testsupport::runInChild([&] {
             errno = c.saved_errno;
-            if (std::strcmp(c.format, "%s=%d") == 0)
-                messlog2(0, 0, "%s=%d", "x", 5);
-            else
-                messlog2(0, 0, "%s", c.format);
-            return 0;
+            messlog2(c.status, 0, c.format.c_str(), 5);
+            return 7;
         });
-        EXPECT_EQ(r.status, 0) << c.name;
-        EXPECT_EQ(r.err, c.want) << c.name;
-        EXPECT_EQ(r.out, c.want) << c.name;
+        EXPECT_EQ(r.status, c.status ? c.status : 7) << c.fault;
+        EXPECT_EQ(r.out + "|" + r.err, c.want + "|" + c.want) << c.fault;
     }
-}
-
-TEST(Messlog2, StatusEndsTheProcessAfterWriting)
-{
-    const auto r = runInChild([] {
-        errno = 0;
-        messlog2(1, 0, "fatal %s", "thing");
-        return 0; // not reached
-    });
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "fatal thing\n");
-}
-
-TEST(Messlog2, MessageLongerThanFirstBufferIsWhole)
-{
-    const std::string big(10000, 'x');
-    const auto r = runInChild([&] {
-        errno = EACCES;
-        messlog2(0, 0, "%s", big.c_str());
-        return 0;
-    });
-    EXPECT_EQ(r.out, big + "\nSystem error 13: " + std::strerror(EACCES) + "\n");
 }

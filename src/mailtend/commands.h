@@ -1,0 +1,97 @@
+// The command handlers, one source file per command family; the command
+// table (command_table.cpp) declares each command's words, texts and
+// options and names its handler here.
+//
+// A handler gets the values standardOptionsParse accepted and returns the
+// exit status. It converts names before any change (a conversion failure
+// throws and ends the run through main), then calls the lower layers in
+// order; failures it reports itself return 1.
+#ifndef MAILTEND_MAILTEND_COMMANDS_H
+#define MAILTEND_MAILTEND_COMMANDS_H
+
+#include "mailtend/Command.h"
+
+#include <cstddef>
+
+namespace zarnet::mail::postfix::mailtend_commands {
+
+// MailnameCommands.cpp: one mailname's mailbox and password. Passwords come
+// only from the environment (ZRN_PASSWORD, else ZRN_CRYPTED_PASSWORD); the
+// variable used is removed once read.
+int addMailbox(const Args &args);
+int removeMailbox(const Args &args);
+int setPassword(const Args &args);
+
+// MailnameOptionsCommands.cpp: one mailname's quota, size, redirects and
+// autoresponder.
+int getMailboxSize(const Args &args);
+int setMailboxDiskQuota(const Args &args);
+int addRedirect(const Args &args);
+int removeRedirect(const Args &args);
+int addAutoresponder(const Args &args);
+int removeAutoresponder(const Args &args);
+
+// DomainOptionsCommands.cpp: settings of a whole mail domain.
+int setDomainDiskQuota(const Args &args);
+int setDomainKey(const Args &args);
+int removeDomainKey(const Args &args);
+
+// ServerOptionsCommands.cpp: server-wide settings. Commands that change
+// main.cf then ask the mail server to reload; whether that worked (it cannot
+// while the server is stopped) does not change their exit status.
+int printFeatures(const Args &args);
+int getMaxLetterSize(const Args &args);
+int getMailboxLimit(const Args &args);
+int addBadMailFrom(const Args &args);
+int removeBadMailFrom(const Args &args);
+int setMaxLetterSize(const Args &args);
+int setAccountsFormat(const Args &args);
+int addWhiteList(const Args &args);
+int removeWhiteList(const Args &args);
+int updateSPF(const Args &args);
+
+// AttachmentCommands.cpp: the attachment files of a mailname.
+int listAttachments(const Args &args);
+int addAttachment(const Args &args);
+int removeAttachment(const Args &args);
+
+// HandlerCommands.cpp: the mail-handler store. Every command names a handler
+// by its template ("handler-name"), type, hook and, except for global
+// handlers, its type name (an address or a domain, converted to ASCII with
+// the domain in lower case). An unknown type or hook, a type name missing (or
+// given for a global handler) and a priority that is not a decimal number are
+// option errors. Success prints nothing and exits 0; a store failure exits 1
+// after the store's own message. "--check-handler" answers with its exit
+// status alone: 0 the handler exists, 1 it does not.
+int addHandler(const Args &args);
+int updateHandler(const Args &args);
+int removeHandler(const Args &args);
+int disableHandler(const Args &args);
+int enableHandler(const Args &args);
+int checkHandler(const Args &args);
+
+// ServiceCommands.cpp: the obsolete one-word service commands. Status
+// commands print one status line and always exit 0; the others exit with
+// the status of what they ran.
+int statusMTA(const Args &args);
+int startMTA(const Args &args);
+int stopMTA(const Args &args);
+int startIMAP(const Args &args);
+int stopIMAP(const Args &args);
+int restartIMAP(const Args &args);
+int statusIMAP(const Args &args);
+
+} // namespace zarnet::mail::postfix::mailtend_commands
+
+// usage.cpp: the help commands print their text and exit 0.
+int usageShortCmd(const zarnet::mail::postfix::mailtend_commands::Args &args);
+int usageCommandsCmd(const zarnet::mail::postfix::mailtend_commands::Args &args);
+int usageLegacyCmd(const zarnet::mail::postfix::mailtend_commands::Args &args);
+
+// ServerOptionsCommands.cpp: one line of the feature report, PHP source the
+// panel evaluates: "true"/"false" bare, every other value quoted.
+void print_feature(const char *name, const char *value);
+// pairs holds count key/value pairs: key0, value0, key1, value1, ...
+void print_feature_array(const char *name, std::size_t count, const char *const *pairs);
+
+#endif
