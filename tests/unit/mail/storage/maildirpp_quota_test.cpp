@@ -53,7 +53,7 @@ TEST(MaildirppUsage, CountOrTrustedFile)
     };
     std::vector<Case> cases = {
         {"size in the name ignored", {{"cur/1234.M1P2.host,S=4711:2,S", 10}}, "", "4711 1"},
-        {"size not ending at a colon trusted", {{"cur/1.host,S=99,W=120:2,", 10}}, "", "10 1"},
+        {"size not ending at ':' or empty trusted", {{"cur/1,S=9,W=1:2", 10}, {"new/2,S=:2", 7}}, "", "17 2"},
         {"later size after an overflowing one missed",
          {{"cur/1.host,S=99999999999999999999,S=5", 10}}, "", "5 1"},
         {"Trash counted", {{"cur/a", 5}, {".Trash/new/c", 100}}, "", "5 1"},
@@ -134,7 +134,7 @@ TEST(MaildirppWrite, FailuresKeepTheOldFileAndDeliveriesMakeItStale)
             maildirpp_set_test_hooks_for_testing(&hooks);
             const fs::path before = fs::current_path();
             errno = 4242;
-            const int rc = write_maildirpp_maildirsize(md.path.c_str(), getuid(), getgid(), 1, 0);
+            const int rc = write_maildirpp_maildirsize(md.path.c_str(), getuid(), getgid(), 1, 7);
             std::printf("rc=%d errno=%d paused=%u", rc, errno, paused);
             return fs::current_path() == before ? 0 : 1;
         });
@@ -146,7 +146,7 @@ TEST(MaildirppWrite, FailuresKeepTheOldFileAndDeliveriesMakeItStale)
         if (c.want_age < 0) {
             EXPECT_EQ(content, "old\n") << c.fault;
         } else {
-            EXPECT_EQ(content, "1S,0C\n9223372036854775807           1\n") << c.fault;
+            EXPECT_EQ(content, "1S,7C\n9223372036854775807           1\n") << c.fault;
             if (c.want_age > 0)
                 EXPECT_EQ(st.st_mtime, mark - c.want_age) << c.fault;
             else
