@@ -1,5 +1,6 @@
 #include "utils/file_tree.h"
 
+#include "utils/dir_walk.h"
 #include "utils/fd_io.h"
 #include "utils/product_log.h"
 
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -149,26 +151,13 @@ int Walk::directory(int fd, const std::string &path)
     const int dup_fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
     if (dup_fd < 0)
         return fail("read directory", path);
-    DIR *dir = fdopendir(dup_fd);
-    if (dir == nullptr) {
-        fd_io::close_quietly(dup_fd);
-        return fail("read directory", path);
-    }
     std::vector<std::string> names;
-    for (;;) {
-        errno = 0;
-        const struct dirent *d = readdir(dir);
-        if (d == nullptr)
-            break;
-        if (std::strcmp(d->d_name, ".") != 0 && std::strcmp(d->d_name, "..") != 0)
-            names.emplace_back(d->d_name);
-    }
-    const int read_errno = errno;
-    closedir(dir);
-    if (read_errno != 0) {
-        errno = read_errno;
+    const dir_walk::Result read = dir_walk::each_entry(dup_fd, [&](const dir_walk::Entry &e) {
+        names.emplace_back(e.name);
+        return true;
+    });
+    if (read == dir_walk::Result::Unreadable)
         return fail("read directory", path);
-    }
 
     for (const std::string &name : names) {
         const int rc = entry(fd, name.c_str(), path + "/" + name);
@@ -176,6 +165,34 @@ int Walk::directory(int fd, const std::string &path)
             return rc;
     }
     return 0;
+}
+
+long long entrySize(const struct stat &st, int block)
+{
+    return block ? static_cast<long long>(st.st_blocks) * 512 : static_cast<long long>(st.st_size);
+}
+
+void addSaturated(long long &total, long long amount)
+{
+    if (__builtin_add_overflow(total, amount, &total))
+        total = LLONG_MAX;
+}
+
+// Adds everything below the directory open as fd; takes fd over.
+bool addTree(int fd, int block, long long &total)
+{
+    return dir_walk::all_visited(dir_walk::each_entry(fd, [&](const dir_walk::Entry &e) {
+        struct stat st;
+        if (!e.stat(st))
+            return errno == ENOENT;
+        addSaturated(total, entrySize(st, block));
+        if (!S_ISDIR(st.st_mode))
+            return true;
+        const int sub = e.open_dir();
+        if (sub < 0)
+            return errno == ENOENT;
+        return addTree(sub, block, total);
+    }));
 }
 
 } // namespace
@@ -204,4 +221,18 @@ int chmod_tree(const char *path, mode_t dir_mode, mode_t file_mode)
     walk.dir_mode = dir_mode;
     walk.file_mode = file_mode;
     return walk.run(path);
+}
+
+long long tree_size(const char *path, int block)
+{
+    struct stat st;
+    if (::lstat(path, &st) != 0)
+        return -1;
+    long long total = entrySize(st, block);
+    if (!S_ISDIR(st.st_mode))
+        return total;
+    const int fd = dir_walk::open_dir(AT_FDCWD, path);
+    if (fd < 0 || !addTree(fd, block, total))
+        return -1;
+    return total;
 }

@@ -1,4 +1,5 @@
-// Removing, chowning and chmodding whole directory trees (Maildir homes).
+// Removing, chowning, chmodding and measuring whole directory trees (Maildir
+// homes, attachment folders).
 //
 // Mailbox trees hold entries their users control, and these run as root, so
 // the walk never follows a symbolic link: it works through directory
@@ -34,5 +35,11 @@ int rm_tree_quiet(const char *path);
 // owner (uid_t)-1 or group (gid_t)-1 leave that id unchanged.
 int chown_tree(const char *path, uid_t owner, gid_t group);
 int chmod_tree(const char *path, mode_t dir_mode, mode_t file_mode);
+
+// The size of a file, or of a directory with everything below it and
+// itself, in bytes or (block set) in allocated 512-byte blocks times 512;
+// saturates at LLONG_MAX. -1 with errno on failure, without a report.
+// Entries that vanish meanwhile count nothing; a link counts as itself.
+long long tree_size(const char *path, int block);
 
 #endif

@@ -6,7 +6,6 @@
 #include "utils/fork_exec.h"
 #include "utils/liblog.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -176,28 +175,24 @@ void markChanged()
     g_refresh_pending = true;
 }
 
+bool readNames(const std::string &dir, const std::function<bool(const dir_walk::Entry &)> &keep,
+               std::vector<std::string> &names)
+{
+    const int fd = fd_io::open_retry(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NONBLOCK);
+    if (fd < 0)
+        return errno == ENOENT;
+    return dir_walk::all_visited(dir_walk::each_entry(fd, [&](const dir_walk::Entry &e) {
+        if (!keep || keep(e))
+            names.emplace_back(e.name);
+        return true;
+    }));
+}
+
 int listHandlers(std::vector<std::string> &names)
 {
     const std::string dir = infoDir();
-    DIR *d = ::opendir(dir.c_str());
-    if (d == nullptr) {
-        if (errno == ENOENT)
-            return 0;
+    if (!readNames(dir, nullptr, names)) {
         zarnet_log(3, "Unable to open directory %s: %s", dir.c_str(), std::strerror(errno));
-        return -1;
-    }
-    for (;;) {
-        errno = 0;
-        const struct dirent *e = ::readdir(d);
-        if (e == nullptr)
-            break;
-        if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
-            names.emplace_back(e->d_name);
-    }
-    const int read_errno = errno;
-    ::closedir(d);
-    if (read_errno != 0) {
-        zarnet_log(3, "Unable to open directory %s: %s", dir.c_str(), std::strerror(read_errno));
         return -1;
     }
     // Names that do not split go last, without a report for every pair.

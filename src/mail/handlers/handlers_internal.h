@@ -2,6 +2,9 @@
 #ifndef MAILTEND_MAIL_HANDLERS_HANDLERS_INTERNAL_H
 #define MAILTEND_MAIL_HANDLERS_HANDLERS_INTERNAL_H
 
+#include "utils/dir_walk.h"
+
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,6 +26,13 @@ public:
     RefreshScope &operator=(const RefreshScope &) = delete;
 };
 void markChanged();
+
+// Appends the names of the entries of dir that keep accepts (every entry
+// when keep is empty); a missing dir has none. The store's directories are
+// root's own, so a link naming one of them is followed. false with errno
+// when dir cannot be read.
+bool readNames(const std::string &dir, const std::function<bool(const dir_walk::Entry &)> &keep,
+               std::vector<std::string> &names);
 
 // The handler names in the information directory, sorted by
 // handlers_compare. A missing directory is an empty store; other failures

@@ -4,7 +4,6 @@
 #include "mail/handlers/handlers_internal.h"
 #include "utils/liblog.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,11 +20,6 @@ using handlers_internal::NameParts;
 
 namespace {
 
-bool isDots(const char *name)
-{
-    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
-
 int summarize(int failures)
 {
     if (failures != 0)
@@ -37,29 +31,12 @@ int summarize(int failures)
 // sorted; a missing dir is empty; false after "Unable to open dir %s: %s".
 bool listDirectory(const std::string &dir, bool directories, std::vector<std::string> &names)
 {
-    DIR *d = ::opendir(dir.c_str());
-    if (d == nullptr) {
-        if (errno == ENOENT)
-            return true;
-        zarnet_log(3, "Unable to open dir %s: %s", dir.c_str(), std::strerror(errno));
-        return false;
-    }
-    for (;;) {
-        errno = 0;
-        const struct dirent *e = ::readdir(d);
-        if (e == nullptr)
-            break;
-        if (isDots(e->d_name))
-            continue;
+    const auto wanted = [&](const dir_walk::Entry &e) {
         struct stat st;
-        if (::fstatat(::dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-            S_ISDIR(st.st_mode) == directories)
-            names.emplace_back(e->d_name);
-    }
-    const int read_errno = errno;
-    ::closedir(d);
-    if (read_errno != 0) {
-        zarnet_log(3, "Unable to open dir %s: %s", dir.c_str(), std::strerror(read_errno));
+        return e.stat(st) && S_ISDIR(st.st_mode) == directories;
+    };
+    if (!handlers_internal::readNames(dir, wanted, names)) {
+        zarnet_log(3, "Unable to open dir %s: %s", dir.c_str(), std::strerror(errno));
         return false;
     }
     std::sort(names.begin(), names.end());

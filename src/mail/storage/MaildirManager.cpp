@@ -1,12 +1,13 @@
 #include "mail/storage/MaildirManager.h"
 
-#include "mail/storage/MaildirPPManager.h"
 #include "utils/ExSystemError.h"
 #include "utils/FdOwner.h"
 #include "utils/fd_io.h"
 #include "utils/file_tree.h"
 #include "utils/read_configuration.h"
 
+// Failures reach the command layer, which prints the exception's class and
+// text: they stay Boost.Filesystem's errors, in its wording.
 #include <boost/filesystem/operations.hpp>
 #include <boost/system/error_code.hpp>
 
@@ -18,7 +19,8 @@
 #include <cerrno>
 #include <exception>
 
-namespace fs = boost::filesystem;
+namespace fs = std::filesystem;
+namespace bfs = boost::filesystem;
 
 namespace zarnet {
 namespace mail {
@@ -38,11 +40,26 @@ private:
     mode_t old_;
 };
 
+bfs::path bpath(const fs::path &path)
+{
+    return bfs::path(path.native());
+}
+
 [[noreturn]] void throwFs(const char *what, const fs::path &path, int code)
 {
     errno = code;
-    throw fs::filesystem_error(what, path,
-                               boost::system::error_code(code, boost::system::system_category()));
+    throw bfs::filesystem_error(what, bpath(path),
+                                boost::system::error_code(code, boost::system::system_category()));
+}
+
+// Appends one name the way the error texts have always shown it: an empty
+// name adds nothing and a leading slash neither doubles nor replaces.
+fs::path join(const fs::path &base, const std::string &name)
+{
+    std::string joined = base.native();
+    if (!name.empty() && !joined.empty() && joined.back() != '/' && name.front() != '/')
+        joined += '/';
+    return joined + name;
 }
 
 // A name that is empty, "." or ".." or holds a slash would make the path
@@ -62,6 +79,18 @@ void ownPath(const fs::path &path, uid_t uid, gid_t gid, mode_t mode)
         throwFs("chmod", path, errno);
 }
 
+// Gives the directory opened as fd (a failed open counts as a failed chown)
+// to uid:gid with mode 0700.
+void ownOpened(const FdOwner &fd, const fs::path &path, uid_t uid, gid_t gid)
+{
+    if (!fd.valid())
+        throwFs("chown", path, errno);
+    if (fd_io::retry_eintr([&] { return ::fchown(fd.get(), uid, gid); }) != 0)
+        throwFs("chown", path, errno);
+    if (fd_io::retry_eintr([&] { return ::fchmod(fd.get(), 0700); }) != 0)
+        throwFs("chmod", path, errno);
+}
+
 // Everything below a home is writable by popuser, who could put a symbolic
 // link where a folder should be and have root create folders in, or give
 // away, what it points at. So each folder is made and opened relative to its
@@ -78,12 +107,7 @@ FdOwner makeBelow(int parentFd, const char *name, const fs::path &path, uid_t ui
             throwFs("boost::filesystem::create_directory", path, code);
     }
     FdOwner fd(fd_io::openat_retry(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
-    if (!fd.valid())
-        throwFs("chown", path, errno);
-    if (fd_io::retry_eintr([&] { return ::fchown(fd.get(), uid, gid); }) != 0)
-        throwFs("chown", path, errno);
-    if (fd_io::retry_eintr([&] { return ::fchmod(fd.get(), 0700); }) != 0)
-        throwFs("chmod", path, errno);
+    ownOpened(fd, path, uid, gid);
     return fd;
 }
 
@@ -110,17 +134,21 @@ void backupOrThrow(const fs::path &path)
     fs::path saved;
     if (!backupRename(path, saved)) {
         const int code = errno;
-        throw fs::filesystem_error("rename", path, saved,
-                                   boost::system::error_code(code, boost::system::system_category()));
+        throw bfs::filesystem_error("rename", bpath(path), bpath(saved),
+                                    boost::system::error_code(code, boost::system::system_category()));
     }
 }
 
-} // namespace
-
-MaildirManager &MaildirManager::getInstance()
+// The home of a valid domain and mailname.
+fs::path checkedHome(const std::string &domain, const std::string &mailname)
 {
-    return MaildirPPManager::getInstance();
+    const fs::path home = MaildirManager::getMailnameHome(domain, mailname);
+    checkComponent(domain, home);
+    checkComponent(mailname, home);
+    return home;
 }
+
+} // namespace
 
 void MaildirManager::init()
 {
@@ -145,17 +173,17 @@ fs::path MaildirManager::getDomainRelativeRoot(const std::string &domain)
 fs::path MaildirManager::getMailnameRelativeHome(const std::string &domain,
                                                  const std::string &mailname)
 {
-    return fs::path(domain) / mailname;
+    return join(domain, mailname);
 }
 
 fs::path MaildirManager::getDomainRoot(const std::string &domain)
 {
-    return getMailnamesRoot() / getDomainRelativeRoot(domain);
+    return join(getMailnamesRoot(), domain);
 }
 
 fs::path MaildirManager::getMailnameHome(const std::string &domain, const std::string &mailname)
 {
-    return getMailnamesRoot() / getMailnameRelativeHome(domain, mailname);
+    return join(getMailnamesRoot(), getMailnameRelativeHome(domain, mailname).native());
 }
 
 void MaildirManager::createDomainRoot(const std::string &domain) const
@@ -163,31 +191,24 @@ void MaildirManager::createDomainRoot(const std::string &domain) const
     const fs::path root = getDomainRoot(domain);
     checkComponent(domain, root);
     UmaskGuard mask(077);
-    fs::create_directories(root);
+    bfs::create_directories(bpath(root));
     ownPath(root, 0, gid_, 0750);
 }
 
 void MaildirManager::createMailnameHome(const std::string &domain,
                                         const std::string &mailname) const
 {
-    const fs::path home = getMailnameHome(domain, mailname);
-    checkComponent(domain, home);
-    checkComponent(mailname, home);
+    const fs::path home = checkedHome(domain, mailname);
     UmaskGuard mask(077);
 
     std::exception_ptr failure;
     int failureErrno = 0;
     try {
-        fs::create_directories(home);
+        bfs::create_directories(bpath(home));
         // The home's own name sits in the root-owned domain directory, out
         // of popuser's reach, so it may be opened by its path.
         FdOwner homeFd(fd_io::open_retry(home.c_str(), O_RDONLY | O_DIRECTORY));
-        if (!homeFd.valid())
-            throwFs("chown", home, errno);
-        if (fd_io::retry_eintr([&] { return ::fchown(homeFd.get(), uid_, gid_); }) != 0)
-            throwFs("chown", home, errno);
-        if (fd_io::retry_eintr([&] { return ::fchmod(homeFd.get(), 0700); }) != 0)
-            throwFs("chmod", home, errno);
+        ownOpened(homeFd, home, uid_, gid_);
 
         constexpr size_t count = sizeof homeDirectories / sizeof homeDirectories[0];
         FdOwner opened[count];
@@ -198,7 +219,7 @@ void MaildirManager::createMailnameHome(const std::string &domain,
             const int parentFd = d.parent < 0 ? homeFd.get() : opened[d.parent].get();
             opened[i] = makeBelow(parentFd, d.name, home / relative[i], uid_, gid_);
         }
-    } catch (const fs::filesystem_error &e) {
+    } catch (const bfs::filesystem_error &e) {
         failureErrno = e.code().value() != 0 ? e.code().value() : errno;
         failure = std::current_exception();
     } catch (...) {
@@ -219,7 +240,7 @@ void MaildirManager::renameDomainRoot(const std::string &oldDomain,
     const fs::path to = getDomainRoot(newDomain);
     checkComponent(oldDomain, from);
     checkComponent(newDomain, to);
-    fs::rename(from, to);
+    bfs::rename(bpath(from), bpath(to));
 }
 
 void MaildirManager::renameMailnameHome(const std::string &domain, const std::string &oldMailname,
@@ -230,7 +251,7 @@ void MaildirManager::renameMailnameHome(const std::string &domain, const std::st
     checkComponent(domain, from);
     checkComponent(oldMailname, from);
     checkComponent(newMailname, to);
-    fs::rename(from, to);
+    bfs::rename(bpath(from), bpath(to));
 }
 
 void MaildirManager::backupDomainRoot(const std::string &domain) const
@@ -243,10 +264,7 @@ void MaildirManager::backupDomainRoot(const std::string &domain) const
 void MaildirManager::backupMailnameHome(const std::string &domain,
                                         const std::string &mailname) const
 {
-    const fs::path home = getMailnameHome(domain, mailname);
-    checkComponent(domain, home);
-    checkComponent(mailname, home);
-    backupOrThrow(home);
+    backupOrThrow(checkedHome(domain, mailname));
 }
 
 void MaildirManager::removeDomainRoot(const std::string &domain) const
@@ -259,7 +277,7 @@ void MaildirManager::removeDomainRoot(const std::string &domain) const
     try {
         if (!backupRename(root, doomed))
             doomed = root;
-    } catch (const fs::filesystem_error &) {
+    } catch (const bfs::filesystem_error &) {
         doomed = root;
     }
     if (!doomed.empty())
@@ -269,10 +287,7 @@ void MaildirManager::removeDomainRoot(const std::string &domain) const
 void MaildirManager::removeMailnameHome(const std::string &domain,
                                         const std::string &mailname) const
 {
-    const fs::path home = getMailnameHome(domain, mailname);
-    checkComponent(domain, home);
-    checkComponent(mailname, home);
-    removeTree(home);
+    removeTree(checkedHome(domain, mailname));
 }
 
 bool backupRename(const fs::path &path, fs::path &out)
@@ -285,7 +300,7 @@ bool backupRename(const fs::path &path, fs::path &out)
         return true;
     }
     out = fs::path(path.string() + ".ZarnetSaved." + std::to_string(st.st_ino));
-    fs::rename(path, out);
+    bfs::rename(bpath(path), bpath(out));
     return true;
 }
 

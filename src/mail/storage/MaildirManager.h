@@ -11,14 +11,14 @@
 // A missing "popuser" account throws zarnet::SystemError.
 //
 // There is one shared instance, which is also the quota face
-// (MaildirPPManager); getInstance looks "popuser" up again on every call.
+// (MaildirPPManager, which owns it); getInstance looks "popuser" up again on
+// every call.
 #ifndef MAILTEND_MAIL_STORAGE_MAILDIRMANAGER_H
 #define MAILTEND_MAIL_STORAGE_MAILDIRMANAGER_H
 
-#include <boost/filesystem/path.hpp>
-
 #include <sys/types.h>
 
+#include <filesystem>
 #include <string>
 
 namespace zarnet {
@@ -26,6 +26,7 @@ namespace mail {
 
 class MaildirManager {
 public:
+    // The shared instance; defined with its owner, MaildirPPManager.
     static MaildirManager &getInstance();
 
     // Looks "popuser" up and keeps its uid and primary gid.
@@ -35,13 +36,13 @@ public:
     gid_t popuserGid() const { return gid_; }
 
     // Domain and mailname are used exactly as given.
-    static boost::filesystem::path getMailnamesRoot();
-    static boost::filesystem::path getDomainRelativeRoot(const std::string &domain);
-    static boost::filesystem::path getMailnameRelativeHome(const std::string &domain,
-                                                           const std::string &mailname);
-    static boost::filesystem::path getDomainRoot(const std::string &domain);
-    static boost::filesystem::path getMailnameHome(const std::string &domain,
-                                                   const std::string &mailname);
+    static std::filesystem::path getMailnamesRoot();
+    static std::filesystem::path getDomainRelativeRoot(const std::string &domain);
+    static std::filesystem::path getMailnameRelativeHome(const std::string &domain,
+                                                         const std::string &mailname);
+    static std::filesystem::path getDomainRoot(const std::string &domain);
+    static std::filesystem::path getMailnameHome(const std::string &domain,
+                                                 const std::string &mailname);
 
     // An existing tree is accepted; owners and modes are set again.
     void createDomainRoot(const std::string &domain) const;
@@ -78,7 +79,7 @@ private:
 // name in out. A missing path (or a non-directory on the way) renames
 // nothing, sets out empty and succeeds. false, with errno, when the status
 // of path cannot be taken otherwise (out untouched); a failed rename throws.
-bool backupRename(const boost::filesystem::path &path, boost::filesystem::path &out);
+bool backupRename(const std::filesystem::path &path, std::filesystem::path &out);
 
 } // namespace mail
 } // namespace zarnet

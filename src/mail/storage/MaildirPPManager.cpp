@@ -5,7 +5,9 @@
 #include "utils/UtilityErrorStream.h"
 #include "utils/fd_io.h"
 
-#include <boost/filesystem/operations.hpp>
+// The command layer prints a failure's class and text: Boost.Filesystem's
+// error it has always been.
+#include <boost/filesystem/exception.hpp>
 #include <boost/system/error_code.hpp>
 
 #include <sys/stat.h>
@@ -15,7 +17,7 @@
 #include <memory>
 #include <ostream>
 
-namespace fs = boost::filesystem;
+namespace fs = std::filesystem;
 
 namespace zarnet {
 namespace mail {
@@ -24,8 +26,17 @@ namespace {
 
 [[noreturn]] void fail(const char *text, const fs::path &path)
 {
-    throw fs::filesystem_error(text, path,
-                               boost::system::error_code(0, boost::system::system_category()));
+    throw boost::filesystem::filesystem_error(
+        text, boost::filesystem::path(path.native()),
+        boost::system::error_code(0, boost::system::system_category()));
+}
+
+// A failed procedural step becomes the error for the path, formed only then.
+template <typename PathOf>
+void check(int ok, const char *text, PathOf pathOf)
+{
+    if (!ok)
+        fail(text, pathOf());
 }
 
 struct CFreeDeleter {
@@ -39,6 +50,11 @@ MaildirPPManager &MaildirPPManager::getInstance()
     static MaildirPPManager instance;
     instance.init();
     return instance;
+}
+
+MaildirManager &MaildirManager::getInstance()
+{
+    return MaildirPPManager::getInstance();
 }
 
 void MaildirPPManager::setMailboxQuota(const std::string &domain, const std::string &mailname,
@@ -82,32 +98,32 @@ void MaildirPPManager::setMailboxQuota(const std::string &domain, const std::str
 void MaildirPPManager::removeMailboxQuota(const std::string &domain,
                                           const std::string &mailname) const
 {
-    if (!rm_mbox_quota(domain.c_str(), mailname.c_str()))
-        fail("unable to remove quota", getMailnameHome(domain, mailname));
+    check(rm_mbox_quota(domain.c_str(), mailname.c_str()), "unable to remove quota",
+          [&] { return getMailnameHome(domain, mailname); });
 }
 
 void MaildirPPManager::setDomainQuota(const std::string &domain, long long quota) const
 {
-    if (!store_domain_quota(domain.c_str(), quota))
-        fail("unable to store domain quota", getDomainRoot(domain));
+    check(store_domain_quota(domain.c_str(), quota), "unable to store domain quota",
+          [&] { return getDomainRoot(domain); });
 }
 
 void MaildirPPManager::removeDomainQuota(const std::string &domain) const
 {
-    if (!rm_domain_quota(domain.c_str()))
-        fail("unable to remove domain quota", getDomainRoot(domain));
+    check(rm_domain_quota(domain.c_str()), "unable to remove domain quota",
+          [&] { return getDomainRoot(domain); });
 }
 
 void MaildirPPManager::setDefaultMailboxQuota(const std::string &domain, long long quota) const
 {
-    if (!store_default_mbox_quota(domain.c_str(), quota))
-        fail("unable to store default mbox quota", getDomainRoot(domain));
+    check(store_default_mbox_quota(domain.c_str(), quota), "unable to store default mbox quota",
+          [&] { return getDomainRoot(domain); });
 }
 
 void MaildirPPManager::removeDefaultMailboxQuota(const std::string &domain) const
 {
-    if (!rm_default_mbox_quota(domain.c_str()))
-        fail("unable to remove default mbox quota", getDomainRoot(domain));
+    check(rm_default_mbox_quota(domain.c_str()), "unable to remove default mbox quota",
+          [&] { return getDomainRoot(domain); });
 }
 
 } // namespace mail

@@ -1,11 +1,11 @@
 #include "mail/storage/attachments.h"
 
+#include "utils/dir_walk.h"
 #include "utils/fd_io.h"
 #include "utils/idn.h"
 #include "utils/product_log.h"
 #include "utils/read_configuration.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -73,7 +73,7 @@ int openAttachmentDir(const std::string &ascii, const char *mailname)
         fd_io::open_retry((domainRoot(ascii) + "/" + mailname).c_str(), O_RDONLY | O_DIRECTORY);
     if (home < 0)
         return -1;
-    const int fd = fd_io::openat_retry(home, "@attachments", O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    const int fd = dir_walk::open_dir(home, "@attachments");
     fd_io::close_quietly(home);
     return fd;
 }
@@ -154,56 +154,35 @@ long long sizeOf(const struct stat &st, int in_blocks)
                      : static_cast<long long>(st.st_size);
 }
 
-// Entries of the directory open as fd (taken over) with their status,
-// directories left out unless wanted; false after a report.
-bool readEntries(int fd, const std::string &dir, bool want_dirs, bool skip_unstatable,
+// Entries of the directory dir with their status, directories left out
+// unless wanted, sorted by name; false after a report.
+bool readEntries(const std::string &dir, bool want_dirs, bool skip_unstatable,
                  std::vector<std::pair<std::string, struct stat>> &entries)
 {
-    DIR *d = ::fdopendir(fd);
-    if (d == nullptr) {
+    const int fd = dir_walk::open_dir(AT_FDCWD, dir.c_str());
+    if (fd < 0) {
         report("Unable to open dir %s: %s\n", dir.c_str(), std::strerror(errno));
-        fd_io::close_quietly(fd);
         return false;
     }
-    bool ok = true;
-    for (;;) {
-        errno = 0;
-        const struct dirent *e = ::readdir(d);
-        if (e == nullptr) {
-            if (errno != 0) {
-                report("Unable to open dir %s: %s\n", dir.c_str(), std::strerror(errno));
-                ok = false;
-            }
-            break;
-        }
+    const dir_walk::Result read = dir_walk::each_entry(fd, [&](const dir_walk::Entry &e) {
         struct stat st;
-        if (::fstatat(::dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (!e.stat(st)) {
             if (skip_unstatable)
-                continue;
-            report("stat %s failed: %s", (dir + "/" + e->d_name).c_str(), std::strerror(errno));
-            ok = false;
-            break;
+                return true;
+            report("stat %s failed: %s", (dir + "/" + e.name).c_str(), std::strerror(errno));
+            return false;
         }
-        if (S_ISDIR(st.st_mode) != want_dirs || std::strcmp(e->d_name, ".") == 0 ||
-            std::strcmp(e->d_name, "..") == 0)
-            continue;
-        entries.emplace_back(e->d_name, st);
-    }
-    if (::closedir(d) != 0 && ok) {
+        if (S_ISDIR(st.st_mode) == want_dirs)
+            entries.emplace_back(e.name, st);
+        return true;
+    });
+    if (read == dir_walk::Result::Unreadable)
+        report("Unable to open dir %s: %s\n", dir.c_str(), std::strerror(errno));
+    else if (read == dir_walk::Result::CloseFailed)
         report("Unable to close dir: %s\n", std::strerror(errno));
-        ok = false;
-    }
     std::sort(entries.begin(), entries.end(),
               [](const auto &a, const auto &b) { return a.first < b.first; });
-    return ok;
-}
-
-int openDirectory(const std::string &dir)
-{
-    const int fd = fd_io::open_retry(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-    if (fd < 0)
-        report("Unable to open dir %s: %s\n", dir.c_str(), std::strerror(errno));
-    return fd;
+    return read == dir_walk::Result::Done;
 }
 
 } // namespace
@@ -217,9 +196,8 @@ int list_attachments(const char *mailname, const char *domain, int in_blocks, in
         messlog2(1, 0, "MailName empty for domain '%s'", domain);
     }
     const std::string dir = attachmentDir(ascii, mailname);
-    const int fd = openDirectory(dir);
     std::vector<std::pair<std::string, struct stat>> files;
-    if (fd < 0 || !readEntries(fd, dir, false, false, files))
+    if (!readEntries(dir, false, false, files))
         return -1;
     for (const auto &f : files)
         std::printf("%s\t%lld\n", fullname ? (dir + "/" + f.first).c_str() : f.first.c_str(),
@@ -232,9 +210,8 @@ int list_all_attachments(const char *domain, int in_blocks, int fullname)
     std::string ascii;
     asciiDomain(domain, ascii, true);
     const std::string dir = domainRoot(ascii);
-    const int fd = openDirectory(dir);
     std::vector<std::pair<std::string, struct stat>> homes;
-    if (fd < 0 || !readEntries(fd, dir, true, true, homes))
+    if (!readEntries(dir, true, true, homes))
         return -1;
     for (const auto &home : homes)
         list_attachments(home.first.c_str(), domain, in_blocks, fullname);

@@ -1,98 +1,22 @@
 #include "mail/storage/mailbox_size.h"
 
 #include "mail/storage/maildirpp_quota.h"
-#include "utils/fd_io.h"
+#include "utils/file_tree.h"
 #include "utils/idn.h"
 #include "utils/product_log.h"
 #include "utils/read_configuration.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
-
-namespace {
-
-long long entrySize(const struct stat &st, int block)
-{
-    return block ? static_cast<long long>(st.st_blocks) * 512 : static_cast<long long>(st.st_size);
-}
-
-void addSaturated(long long &total, long long amount)
-{
-    if (__builtin_add_overflow(total, amount, &total))
-        total = LLONG_MAX;
-}
-
-// Adds everything below the directory open as fd; takes fd over. Walking
-// by descriptors keeps a link swapped in by the mailbox's owner from
-// leading the count elsewhere.
-bool addTree(int fd, int block, long long &total)
-{
-    DIR *dir = ::fdopendir(fd);
-    if (dir == nullptr) {
-        fd_io::close_quietly(fd);
-        return false;
-    }
-    bool ok = true;
-    for (;;) {
-        errno = 0;
-        const struct dirent *entry = ::readdir(dir);
-        if (entry == nullptr) {
-            ok = errno == 0;
-            break;
-        }
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
-            continue;
-        struct stat st;
-        if (::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-            if (errno == ENOENT)
-                continue;
-            ok = false;
-            break;
-        }
-        addSaturated(total, entrySize(st, block));
-        if (!S_ISDIR(st.st_mode))
-            continue;
-        const int sub =
-            fd_io::openat_retry(::dirfd(dir), entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-        if (sub < 0) {
-            if (errno == ENOENT)
-                continue;
-            ok = false;
-            break;
-        }
-        if (!addTree(sub, block, total)) {
-            ok = false;
-            break;
-        }
-    }
-    const int saved = errno;
-    ::closedir(dir);
-    errno = saved;
-    return ok;
-}
-
-} // namespace
 
 long long get_dir_size(const char *path, int block)
 {
-    struct stat st;
-    if (::lstat(path, &st) != 0)
-        return -1;
-    long long total = entrySize(st, block);
-    if (!S_ISDIR(st.st_mode))
-        return total;
-    const int fd = fd_io::open_retry(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-    if (fd < 0 || !addTree(fd, block, total))
-        return -1;
-    return total;
+    return tree_size(path, block);
 }
 
 long long get_mbox_size(const char *mailname, const char *domain, int block)
@@ -125,6 +49,7 @@ long long get_mbox_size(const char *mailname, const char *domain, int block)
     unsigned long long count = 0;
     if (!get_maildirpp_usage(maildir.c_str(), &bytes, &count))
         messlog2(1, 0, "Unable to calculate Maildir++ size: %s", maildir.c_str());
-    addSaturated(total, bytes);
+    if (__builtin_add_overflow(total, bytes, &total))
+        total = LLONG_MAX;
     return total;
 }

@@ -1,15 +1,15 @@
 #include "mail/storage/maildirpp_quota.h"
 
-#include "mail/storage/mailbox_size.h"
 #include "mail/panel/panel_queries.h"
 #include "utils/FdOwner.h"
 #include "utils/dbconnect.h"
+#include "utils/dir_walk.h"
 #include "utils/fd_io.h"
+#include "utils/file_tree.h"
 #include "utils/idn.h"
 #include "utils/product_log.h"
 #include "utils/read_configuration.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -86,7 +86,7 @@ public:
     {
         if (fd_ < 0)
             return false;
-        const int fd = fd_io::open_retry(maildir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+        const int fd = dir_walk::open_dir(AT_FDCWD, maildir);
         if (fd < 0)
             return false;
         const int rc = fd_io::retry_eintr([&] { return ::fchdir(fd); });
@@ -96,17 +96,6 @@ public:
 
 private:
     int fd_;
-};
-
-class ErrnoKeeper {
-public:
-    ErrnoKeeper() : saved_(errno) {}
-    ~ErrnoKeeper() { errno = saved_; }
-    ErrnoKeeper(const ErrnoKeeper &) = delete;
-    ErrnoKeeper &operator=(const ErrnoKeeper &) = delete;
-
-private:
-    int saved_;
 };
 
 // The temporary "maildirsize" in the Maildir's "tmp" until it is renamed
@@ -228,7 +217,7 @@ struct Tally {
 // vanished) counts nothing; links are never followed.
 bool countMessages(int parent, const char *name, Tally &tally)
 {
-    const int fd = fd_io::openat_retry(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    const int fd = dir_walk::open_dir(parent, name);
     if (fd < 0)
         return errno == ENOENT;
     struct stat st;
@@ -240,47 +229,26 @@ bool countMessages(int parent, const char *name, Tally &tally)
     // directory's time past this mark.
     if (later(st.st_mtim, tally.newest))
         tally.newest = st.st_mtim;
-    DIR *dir = ::fdopendir(fd);
-    if (dir == nullptr) {
-        fd_io::close_quietly(fd);
-        return false;
-    }
-    bool ok = true;
-    for (;;) {
-        errno = 0;
-        const struct dirent *entry = ::readdir(dir);
-        if (entry == nullptr) {
-            ok = errno == 0;
-            break;
-        }
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
-            continue;
+    return dir_walk::all_visited(dir_walk::each_entry(fd, [&](const dir_walk::Entry &e) {
         long long size;
-        if (!sizeFromName(entry->d_name, &size)) {
+        if (!sizeFromName(e.name, &size)) {
             struct stat msg;
-            if (::fstatat(::dirfd(dir), entry->d_name, &msg, AT_SYMLINK_NOFOLLOW) != 0) {
-                if (errno == ENOENT)
-                    continue;
-                ok = false;
-                break;
-            }
+            if (!e.stat(msg))
+                return errno == ENOENT;
             if (S_ISDIR(msg.st_mode))
-                continue;
+                return true;
             size = msg.st_size;
         }
         addSaturated(tally.bytes, size);
         ++tally.count;
-    }
-    const int saved = errno;
-    ::closedir(dir);
-    errno = saved;
-    return ok;
+        return true;
+    }));
 }
 
+// Of the entries a walk shows ("." and ".." are left out by it).
 bool isCountedFolder(const char *name)
 {
-    return name[0] == '.' && std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0 &&
-           std::strcmp(name, ".Trash") != 0;
+    return name[0] == '.' && std::strcmp(name, ".Trash") != 0;
 }
 
 // Whether a delivery may have been missed by a count that ended at mark:
@@ -309,29 +277,25 @@ bool changedSince(const char *maildir, const struct timespec &mark)
     if (!statSub(nullptr, "cur") || !statSub(nullptr, "new"))
         return true;
 
-    DIR *dir = ::opendir(".");
-    if (dir == nullptr) {
+    const int fd = dir_walk::open_dir(AT_FDCWD, ".");
+    if (fd < 0) {
         report("Unable to open Maildir folder. Has it just been removed?");
         return true;
     }
     bool unsure = false;
-    while (!unsure) {
-        const struct dirent *entry = ::readdir(dir);
-        if (entry == nullptr)
-            break;
-        if (!isCountedFolder(entry->d_name))
-            continue;
+    dir_walk::each_entry(fd, [&](const dir_walk::Entry &e) {
+        if (!isCountedFolder(e.name))
+            return true;
         struct stat st;
-        if (::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-            continue; // gone since the count; nothing left to miss there
+        if (!e.stat(st))
+            return true; // gone since the count; nothing left to miss there
         if (!S_ISDIR(st.st_mode)) {
-            REPORT_PLAIN("Bad/unrecognized entry %s within Maildir folder %s\n", entry->d_name,
-                         maildir);
-            continue;
+            REPORT_PLAIN("Bad/unrecognized entry %s within Maildir folder %s\n", e.name, maildir);
+            return true;
         }
-        unsure = !statSub(entry->d_name, "cur") || !statSub(entry->d_name, "new");
-    }
-    ::closedir(dir);
+        unsure = !statSub(e.name, "cur") || !statSub(e.name, "new");
+        return !unsure;
+    });
     return unsure || later(newest, mark);
 }
 
@@ -584,37 +548,20 @@ int get_maildirpp_messages_usage(long long *bytes, unsigned long long *count,
     if (!countMessages(AT_FDCWD, "new", tally) || !countMessages(AT_FDCWD, "cur", tally))
         return 0;
 
-    DIR *top = ::opendir(".");
-    if (top == nullptr)
+    const int top = dir_walk::open_dir(AT_FDCWD, ".");
+    if (top < 0)
         return 0;
-    bool ok = true;
-    for (;;) {
-        errno = 0;
-        const struct dirent *entry = ::readdir(top);
-        if (entry == nullptr) {
-            ok = errno == 0;
-            break;
-        }
-        if (!isCountedFolder(entry->d_name))
-            continue;
-        const int folder =
-            fd_io::openat_retry(::dirfd(top), entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-        if (folder < 0) {
-            // Not a directory (or gone): not a folder to count.
-            if (errno == ENOTDIR || errno == ELOOP || errno == ENOENT)
-                continue;
-            ok = false;
-            break;
-        }
-        ok = countMessages(folder, "new", tally) && countMessages(folder, "cur", tally);
+    const dir_walk::Result r = dir_walk::each_entry(top, [&](const dir_walk::Entry &e) {
+        if (!isCountedFolder(e.name))
+            return true;
+        const int folder = e.open_dir();
+        if (folder < 0) // not a directory (or gone): not a folder to count
+            return errno == ENOTDIR || errno == ELOOP || errno == ENOENT;
+        const bool ok = countMessages(folder, "new", tally) && countMessages(folder, "cur", tally);
         fd_io::close_quietly(folder);
-        if (!ok)
-            break;
-    }
-    const int saved = errno;
-    ::closedir(top);
-    errno = saved;
-    if (!ok)
+        return ok;
+    });
+    if (!dir_walk::all_visited(r))
         return 0;
     *bytes = tally.bytes;
     *count = tally.count;
@@ -671,13 +618,14 @@ int store_mbox_quota(const char *domain, const char *mailname, long long quota)
         return 0;
     }
     const auto back = [&] {
-        ErrnoKeeper keep;
+        const int saved = errno;
         fd_io::retry_eintr([&] { return ::chdir(static_cast<const char *>(cwd.p)); });
+        errno = saved;
     };
 
     struct stat st;
     if (quota >= 0 && ::lstat("@attachments", &st) == 0) {
-        const long long attachments = get_dir_size("@attachments", 0);
+        const long long attachments = tree_size("@attachments", 0);
         if (attachments < 0) {
             report("unable to count attachments folder size");
             back();
