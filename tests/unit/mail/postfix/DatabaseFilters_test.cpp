@@ -24,25 +24,18 @@ std::string streamThrough(const std::string &text, std::size_t chunkSize,
 
 } // namespace
 
-TEST(DataStreamFilter, LinesSurviveEverySplitPosition)
+TEST(DataStreamFilter, WholeLinesWhereverTheChunksEnd)
 {
-    const std::string dump = "a@x.test a@x.test\nb@x.test b@x.test, c@y.test\nlast@x.test z@y.test";
-    const std::string want = "a@x.test a@x.test\nb@x.test b@x.test, c@y.test\n"
-                             "last@x.test z@y.test\n";
-    const auto keep = [](std::string &) { return true; };
-    for (std::size_t chunk = 1; chunk <= dump.size(); ++chunk)
-        EXPECT_EQ(streamThrough(dump, chunk, keep), want) << "chunk size " << chunk;
-}
-
-TEST(DataStreamFilter, FilterSeesWholeLinesOnly)
-{
-    std::vector<std::string> seen;
-    const auto record = [&](std::string &line) {
-        seen.push_back(line);
-        return line != "drop me";
-    };
-    EXPECT_EQ(streamThrough("keep 1\ndrop me\nkeep 2\n", 3, record), "keep 1\nkeep 2\n");
-    EXPECT_EQ(seen, (std::vector<std::string>{"keep 1", "drop me", "keep 2"}));
+    const std::string dump = "a@x.test a@x.test\ndrop me\nlast@x.test z@y.test";
+    for (std::size_t chunk = 1; chunk <= dump.size(); ++chunk) {
+        std::string seen;
+        const auto record = [&](std::string &line) {
+            seen += line + "|";
+            return line != "drop me";
+        };
+        EXPECT_EQ(streamThrough(dump, chunk, record), "a@x.test a@x.test\nlast@x.test z@y.test\n") << chunk;
+        EXPECT_EQ(seen, "a@x.test a@x.test|drop me|last@x.test z@y.test|") << chunk;
+    }
 }
 
 TEST(ElementsFilter, NotInDomain)
@@ -131,7 +124,6 @@ TEST(ElementsFilter, RenamingFilters)
 
 TEST(BelongsToDomain, EmptyDomainMatchesNothing)
 {
-    EXPECT_FALSE(belongsToDomain("a@b", "", true));
-    EXPECT_FALSE(belongsToDomain("", "", false));
-    EXPECT_TRUE(belongsToDomain("@d.test", "d.test", false));
+    EXPECT_EQ(std::to_string(belongsToDomain("a@b", "", true)) + std::to_string(belongsToDomain("", "", false)) +
+                  std::to_string(belongsToDomain("@d.test", "d.test", false)), "001");
 }
