@@ -19,9 +19,10 @@ namespace {
 
 const char open_rw_format[] = "Unable to open database %s: %s";
 const char open_ro_format[] = "Unable to open database(readonly) %s: %s";
+const char domain_id_failure[] =
+    "Unable to bind parameter domain ID for mail address '%s@%s' to  SQL statement for query '%s': %s";
+const char no_domain_format[] = "No such domain '%s' in the mail authentication DB";
 
-// Statements are finalised before their handle closes: a handle with a live
-// statement would keep the close answering busy.
 struct Handle {
     sqlite3 *db = nullptr;
     Handle(const Handle &) = delete;
@@ -30,42 +31,106 @@ struct Handle {
     ~Handle() { mailAuthDBClose(db); }
 };
 
-struct Statement {
-    sqlite3_stmt *stmt = nullptr;
-    Statement() = default;
+// One statement: prepared at construction, its parameters bound in order,
+// stepped with the busy/locked retry. The first failure is logged at level 3
+// with the caller's format, whose last "%s" takes SQLite's error text (and,
+// for a binding, the "%s" before it the statement unless told otherwise).
+// It ends the statement: later calls do nothing and report failure. A null
+// handle (its opening reported already) fails silently.
+//
+// Statements are finalised before their handle closes: a handle with a live
+// statement would keep the close answering busy.
+class Statement {
+public:
+    Statement(sqlite3 *db, const char *sql, bool sql_in_reports = true)
+        : db_(db), sql_(sql_in_reports ? sql : nullptr)
+    {
+        if (db != nullptr && mailAuthDBPrepare(db, sql, &stmt_) != SQLITE_OK)
+            fail("Unable to prepare SQL statement for query '%s': %s", sql);
+    }
     Statement(const Statement &) = delete;
     Statement &operator=(const Statement &) = delete;
-    ~Statement() { finalize(); }
-    void finalize()
+    ~Statement() { sqlite3_finalize(stmt_); }
+
+    template <typename... Args>
+    Statement &text(const char *value, const char *format, Args... args)
     {
-        sqlite3_finalize(stmt);
-        stmt = nullptr;
+        if (stmt_ != nullptr)
+            bound(sqlite3_bind_text(stmt_, ++index_, value, -1, SQLITE_STATIC), format, args...);
+        return *this;
     }
+
+    template <typename... Args>
+    Statement &integer(sqlite3_int64 value, const char *format, Args... args)
+    {
+        if (stmt_ != nullptr)
+            bound(sqlite3_bind_int64(stmt_, ++index_, value), format, args...);
+        return *this;
+    }
+
+    // 1 for a row, 0 at the end, -1 after a failure.
+    template <typename... Args>
+    int step(const char *format, Args... args)
+    {
+        const int rc = stmt_ != nullptr ? mailAuthDBStep(stmt_) : SQLITE_MISUSE;
+        if (rc == SQLITE_ROW || rc == SQLITE_DONE)
+            return rc == SQLITE_ROW ? 1 : 0;
+        if (stmt_ != nullptr)
+            fail(format, args...);
+        return -1;
+    }
+
+    // A statement that changes rows must run to its end: 0, else -1.
+    int run(const char *format)
+    {
+        if (stmt_ != nullptr && mailAuthDBStep(stmt_) == SQLITE_DONE)
+            return 0;
+        if (stmt_ != nullptr)
+            fail(format);
+        return -1;
+    }
+
+    const char *column(int i) const
+    {
+        return reinterpret_cast<const char *>(sqlite3_column_text(stmt_, i));
+    }
+    int number(int i) const { return sqlite3_column_int(stmt_, i); }
+    sqlite3_int64 id(int i) const { return sqlite3_column_int64(stmt_, i); }
+
+private:
+    template <typename... Args>
+    void bound(int rc, const char *format, Args... args)
+    {
+        if (rc == SQLITE_OK)
+            return;
+        if (sql_ != nullptr)
+            fail(format, args..., sql_);
+        else
+            fail(format, args...);
+    }
+
+    template <typename... Args>
+    void fail(const char *format, Args... args)
+    {
+        // The text first: finalising may replace it.
+        zarnet_log(3, format, args..., sqlite3_errmsg(db_));
+        sqlite3_finalize(stmt_);
+        stmt_ = nullptr;
+    }
+
+    sqlite3 *db_;
+    const char *sql_;
+    sqlite3_stmt *stmt_ = nullptr;
+    int index_ = 0;
 };
 
-bool prepare(sqlite3 *db, const char *sql, Statement &st)
-{
-    if (mailAuthDBPrepare(db, sql, &st.stmt) == SQLITE_OK)
-        return true;
-    zarnet_log(3, "Unable to prepare SQL statement for query '%s': %s", sql, sqlite3_errmsg(db));
-    st.finalize();
-    return false;
-}
-
-bool bind_text(Statement &st, int index, const char *value)
-{
-    return sqlite3_bind_text(st.stmt, index, value, -1, SQLITE_STATIC) == SQLITE_OK;
-}
-
-bool bind_int(Statement &st, int index, sqlite3_int64 value)
-{
-    return sqlite3_bind_int64(st.stmt, index, value) == SQLITE_OK;
-}
-
-const char *column_text(sqlite3_stmt *stmt, int column)
-{
-    return reinterpret_cast<const char *>(sqlite3_column_text(stmt, column));
-}
+// A statement that changes rows on a handle of its own.
+struct Change : Handle, Statement {
+    explicit Change(const char *sql)
+        : Handle(SQLITE_OPEN_READWRITE, open_rw_format), Statement(db, sql)
+    {
+    }
+};
 
 int row_flags(const char *enc_password, int user_status, int domain_status)
 {
@@ -74,56 +139,18 @@ int row_flags(const char *enc_password, int user_status, int domain_status)
            (domain_status != 0 ? MAIL_AUTH_DOMAIN_DISABLED : 0);
 }
 
-// A statement that changes rows: prepared, bound by bind (which logs its own
-// failures), stepped to the end.
-template <typename Bind>
-int run_change(sqlite3 *db, const char *sql, const char *exec_format, Bind bind)
-{
-    Statement st;
-    if (!prepare(db, sql, st) || !bind(db, st))
-        return -1;
-    if (mailAuthDBStep(st.stmt) != SQLITE_DONE) {
-        zarnet_log(3, exec_format, sqlite3_errmsg(db));
-        return -1;
-    }
-    return 0;
-}
-
-template <typename Bind>
-int run_change(const char *sql, const char *exec_format, Bind bind)
-{
-    Handle h(SQLITE_OPEN_READWRITE, open_rw_format);
-    return h.db != nullptr ? run_change(h.db, sql, exec_format, bind) : -1;
-}
-
-bool bind_domain_id(sqlite3 *db, Statement &st, int index, sqlite3_int64 dom_id,
-                    const char *mailname, const char *domain, const char *sql)
-{
-    if (bind_int(st, index, dom_id))
-        return true;
-    zarnet_log(3, "Unable to bind parameter domain ID for mail address '%s@%s' to  SQL statement for query '%s': %s",
-               mailname, domain, sql, sqlite3_errmsg(db));
-    return false;
-}
-
 int walk_rows(const char *sql, const char *mailname, mailAuthCallback callback, void *data)
 {
     Handle h(SQLITE_OPEN_READONLY, open_ro_format);
-    if (h.db == nullptr)
-        return -1;
-    Statement st;
-    if (!prepare(h.db, sql, st))
-        return -1;
-    if (mailname != nullptr && !bind_text(st, 1, mailname)) {
-        zarnet_log(3, "Unable to bind parameter mailname '%.*s' to SQL statement for query '%s': %s",
-                   static_cast<int>(std::strlen(mailname)), mailname, sql, sqlite3_errmsg(h.db));
-        return -1;
-    }
+    Statement st(h.db, sql);
+    if (mailname != nullptr)
+        st.text(mailname, "Unable to bind parameter mailname '%.*s' to SQL statement for query '%s': %s",
+                static_cast<int>(std::strlen(mailname)), mailname);
     int rc;
-    while ((rc = mailAuthDBStep(st.stmt)) == SQLITE_ROW) {
-        const char *address = column_text(st.stmt, 0);
-        const char *password = column_text(st.stmt, 1);
-        const char *enc_password = column_text(st.stmt, 2);
+    while ((rc = st.step("Unable to execute the user selection query: %s")) == 1) {
+        const char *address = st.column(0);
+        const char *password = st.column(1);
+        const char *enc_password = st.column(2);
         if (address == nullptr || *address == '\0') {
             zarnet_log(3, "NULL or empty mail address stored in the database, skipped");
             continue;
@@ -134,15 +161,9 @@ int walk_rows(const char *sql, const char *mailname, mailAuthCallback callback, 
             continue;
         }
         callback(address, enc_password != nullptr ? enc_password : password,
-                 row_flags(enc_password, sqlite3_column_int(st.stmt, 3),
-                           sqlite3_column_int(st.stmt, 4)),
-                 data);
+                 row_flags(enc_password, st.number(3), st.number(4)), data);
     }
-    if (rc != SQLITE_DONE) {
-        zarnet_log(3, "Unable to execute the user selection query: %s", sqlite3_errmsg(h.db));
-        return -1;
-    }
-    return 0;
+    return rc;
 }
 
 // The walks share everything but the statement's tail and its parameter.
@@ -197,145 +218,142 @@ struct PanelList {
     ~PanelList() { free_array(items); }
 };
 
+// apply on each item, stopping at the first false: -1 then, 0 for a list
+// the panel left null, 1 otherwise.
+template <typename Apply>
+int each(const PanelList &list, Apply apply)
+{
+    if (list.items == nullptr)
+        return 0;
+    for (char **item = list.items; *item != nullptr; ++item)
+        if (!apply(*item))
+            return -1;
+    return 1;
+}
+
+// apply(name, is_alias) on the domain, then on each of its domain aliases.
+template <typename Apply>
+int on_domain_and_aliases(const char *domain, const char *list_failure, Apply apply)
+{
+    if (!apply(domain, false))
+        return -1;
+    PanelList aliases;
+    if (get_domaliases_by_domain(nullptr, &aliases.items, domain) != 0) {
+        zarnet_log(3, list_failure, domain);
+        return -1;
+    }
+    return each(aliases, [&](const char *alias) { return apply(alias, true); });
+}
+
+// For every mailname of domain: apply(name, false) on each of its mail
+// aliases, then apply(mailname, true).
+template <typename Apply>
+int on_mailnames(const char *domain, const char *aliases_failure, Apply apply)
+{
+    PanelList mailnames;
+    if (get_mailnames_by_domain(nullptr, &mailnames.items, domain) != 0) {
+        zarnet_log(3, "Unable to get mailnames from domain %s", domain);
+        return -1;
+    }
+    return each(mailnames, [&](const char *mailname) {
+        PanelList aliases;
+        if (get_aliases_by_mailname(nullptr, &aliases.items, mailname, domain) != 0) {
+            zarnet_log(3, aliases_failure, mailname, domain);
+            return false;
+        }
+        return each(aliases, [&](const char *alias) { return apply(alias, false); }) != -1 &&
+               apply(mailname, true);
+    });
+}
+
 } // namespace
 
 sqlite3_int64 getDomainId(const char *domain, sqlite3 **db, unsigned char flags)
 {
-    static const char select_sql[] = "SELECT id FROM domains WHERE name=?";
-    static const char insert_sql[] = "INSERT INTO domains (name, status) VALUES(?, ?)";
-    Statement st;
-    auto fail = [&] {
-        st.finalize();
-        mailAuthDBClose(*db);
-        *db = nullptr;
+    static const char domain_failure[] =
+        "Unable to bind parameter domain name '%s' to  SQL statement for query '%s': %s";
+    int found;
+    {
+        Statement select(*db, "SELECT id FROM domains WHERE name=?");
+        found = select.text(domain, domain_failure, domain)
+                    .step("Unable to execute the domain selection query: %s");
+        if (found == 1)
+            return select.id(0);
+    }
+    if (found == 0 && (flags & MAIL_AUTH_NO_CREATE))
         return -1;
-    };
-
-    if (!prepare(*db, select_sql, st))
-        return fail();
-    if (!bind_text(st, 1, domain)) {
-        zarnet_log(3, "Unable to bind parameter domain name '%s' to  SQL statement for query '%s': %s",
-                   domain, select_sql, sqlite3_errmsg(*db));
-        return fail();
+    if (found == 0) {
+        const int status = flags != 0 ? 1 : 0;
+        found = Statement(*db, "INSERT INTO domains (name, status) VALUES(?, ?)")
+                    .text(domain, domain_failure, domain)
+                    .integer(status, "Unable to bind parameter status '%d' for domain '%s' to SQL statement"
+                                     " for query '%s': %s", status, domain)
+                    .run("Unable to execute the mail domain authentication registration query: %s");
+        if (found == 0)
+            return sqlite3_last_insert_rowid(*db);
     }
-    int rc = mailAuthDBStep(st.stmt);
-    if (rc == SQLITE_ROW)
-        return sqlite3_column_int64(st.stmt, 0);
-    if (rc != SQLITE_DONE) {
-        zarnet_log(3, "Unable to execute the domain selection query: %s", sqlite3_errmsg(*db));
-        return fail();
-    }
-    if (flags & MAIL_AUTH_NO_CREATE)
-        return -1;
-    st.finalize();
-
-    const int status = flags != 0 ? 1 : 0;
-    if (!prepare(*db, insert_sql, st))
-        return fail();
-    if (!bind_text(st, 1, domain)) {
-        zarnet_log(3, "Unable to bind parameter domain name '%s' to  SQL statement for query '%s': %s",
-                   domain, insert_sql, sqlite3_errmsg(*db));
-        return fail();
-    }
-    if (!bind_int(st, 2, status)) {
-        zarnet_log(3, "Unable to bind parameter status '%d' for domain '%s' to SQL statement for query '%s': %s",
-                   status, domain, insert_sql, sqlite3_errmsg(*db));
-        return fail();
-    }
-    if (mailAuthDBStep(st.stmt) != SQLITE_DONE) {
-        zarnet_log(3, "Unable to execute the mail domain authentication registration query: %s",
-                   sqlite3_errmsg(*db));
-        return fail();
-    }
-    return sqlite3_last_insert_rowid(*db);
+    mailAuthDBClose(*db);
+    *db = nullptr;
+    return -1;
 }
 
 int mailAuthSet(const char *mailname, const char *domain, const char *password, int flags)
 {
-    static const char plain_sql[] =
-        "INSERT OR REPLACE INTO users (name, userPassword, status, dom_id) VALUES (?, ?, ?, ?)";
-    static const char enc_sql[] =
-        "INSERT OR REPLACE INTO users (name, cmusaslsecretPLAIN, status, dom_id) VALUES (?, ?, ?, ?)";
     Handle h(SQLITE_OPEN_READWRITE, open_rw_format);
     if (h.db == nullptr)
         return -1;
     const sqlite3_int64 dom_id = getDomainId(domain, &h.db, flags & MAIL_AUTH_DOMAIN_DISABLED);
     if (dom_id == -1) {
-        zarnet_log(3, "No such domain '%s' in the mail authentication DB", domain);
+        zarnet_log(3, no_domain_format, domain);
         return -1;
     }
-
-    const char *sql = (flags & MAIL_AUTH_ENCRYPTED) ? enc_sql : plain_sql;
-    return run_change(h.db, sql, "Unable to execute the mail authorization registration query: %s",
-                      [&](sqlite3 *db, Statement &st) {
-                          if (!bind_text(st, 1, mailname)) {
-                              zarnet_log(3, "Unable to bind parameter mailname '%s' to SQL statement for query '%s': %s",
-                                         mailname, sql, sqlite3_errmsg(db));
-                              return false;
-                          }
-                          if (!bind_text(st, 2, password)) {
-                              zarnet_log(3, "Unable to bind parameter password for mail address '%s@%s' to SQL statement for query '%s': %s",
-                                         mailname, domain, sql, sqlite3_errmsg(db));
-                              return false;
-                          }
-                          if (!bind_int(st, 3, (flags >> 1) & 1)) {
-                              zarnet_log(3, "Unable to bind parameter status for mail address '%s@%s' to  SQL statement for query '%s': %s",
-                                         mailname, domain, sql, sqlite3_errmsg(db));
-                              return false;
-                          }
-                          return bind_domain_id(db, st, 4, dom_id, mailname, domain, sql);
-                      });
+    return Statement(h.db, (flags & MAIL_AUTH_ENCRYPTED)
+                               ? "INSERT OR REPLACE INTO users (name, cmusaslsecretPLAIN, status, dom_id)"
+                                 " VALUES (?, ?, ?, ?)"
+                               : "INSERT OR REPLACE INTO users (name, userPassword, status, dom_id)"
+                                 " VALUES (?, ?, ?, ?)")
+        .text(mailname, "Unable to bind parameter mailname '%s' to SQL statement for query '%s': %s",
+              mailname)
+        .text(password, "Unable to bind parameter password for mail address '%s@%s' to SQL statement for"
+                        " query '%s': %s", mailname, domain)
+        .integer((flags >> 1) & 1, "Unable to bind parameter status for mail address '%s@%s' to  SQL"
+                                   " statement for query '%s': %s", mailname, domain)
+        .integer(dom_id, domain_id_failure, mailname, domain)
+        .run("Unable to execute the mail authorization registration query: %s");
 }
 
 int mailAuthRemove(const char *mailname, const char *domain)
 {
-    static const char sql[] = "DELETE FROM users WHERE name=? AND dom_id=?";
     Handle h(SQLITE_OPEN_READWRITE, open_rw_format);
-    if (h.db == nullptr)
-        return -1;
-    const sqlite3_int64 dom_id = getDomainId(domain, &h.db, MAIL_AUTH_NO_CREATE);
+    const sqlite3_int64 dom_id =
+        h.db != nullptr ? getDomainId(domain, &h.db, MAIL_AUTH_NO_CREATE) : -1;
     if (dom_id == -1)
         return h.db == nullptr ? -1 : 0; // a failed lookup is no missing domain
-
-    return run_change(h.db, sql, "Unable to execute the mail authorization removal query: %s",
-                      [&](sqlite3 *db, Statement &st) {
-                          if (!bind_text(st, 1, mailname)) {
-                              zarnet_log(3, "Unable to bind parameter mailname '%s' to  SQL statement for query '%s': %s",
-                                         mailname, sql, sqlite3_errmsg(db));
-                              return false;
-                          }
-                          return bind_domain_id(db, st, 2, dom_id, mailname, domain, sql);
-                      });
+    return Statement(h.db, "DELETE FROM users WHERE name=? AND dom_id=?")
+        .text(mailname, "Unable to bind parameter mailname '%s' to  SQL statement for query '%s': %s",
+              mailname)
+        .integer(dom_id, domain_id_failure, mailname, domain)
+        .run("Unable to execute the mail authorization removal query: %s");
 }
 
 int mailAuthRename(const char *old_mailname, const char *new_mailname, const char *domain)
 {
-    static const char sql[] = "UPDATE users SET name=? WHERE name=? AND dom_id=?";
     Handle h(SQLITE_OPEN_READWRITE, open_rw_format);
-    if (h.db == nullptr)
-        return -1;
-    const sqlite3_int64 dom_id = getDomainId(domain, &h.db, MAIL_AUTH_NO_CREATE);
+    const sqlite3_int64 dom_id =
+        h.db != nullptr ? getDomainId(domain, &h.db, MAIL_AUTH_NO_CREATE) : -1;
     if (dom_id == -1) {
-        // A failed lookup has been reported already and is no missing domain.
+        // A failed opening or lookup has been reported already.
         if (h.db != nullptr)
-            zarnet_log(3, "No such domain '%s' in the mail authentication DB", domain);
+            zarnet_log(3, no_domain_format, domain);
         return -1;
     }
-
-    return run_change(h.db, sql, "Unable to execute the mail authorization renaming query: %s",
-                      [&](sqlite3 *db, Statement &st) {
-                          if (!bind_text(st, 1, new_mailname)) {
-                              zarnet_log(3, "Unable to bind parameter new mailname '%s' to  SQL statement for query '%s': %s",
-                                         new_mailname, sql, sqlite3_errmsg(db));
-                              return false;
-                          }
-                          if (!bind_text(st, 2, old_mailname)) {
-                              zarnet_log(3, "Unable to bind parameter old mailname '%s' to  SQL statement for query '%s': %s",
-                                         old_mailname, sql, sqlite3_errmsg(db));
-                              return false;
-                          }
-                          return bind_domain_id(db, st, 3, dom_id, old_mailname, domain, sql);
-                      });
+    return Statement(h.db, "UPDATE users SET name=? WHERE name=? AND dom_id=?")
+        .text(new_mailname, "Unable to bind parameter new mailname '%s' to  SQL statement for query '%s': %s",
+              new_mailname)
+        .text(old_mailname, "Unable to bind parameter old mailname '%s' to  SQL statement for query '%s': %s",
+              old_mailname)
+        .integer(dom_id, domain_id_failure, old_mailname, domain)
+        .run("Unable to execute the mail authorization renaming query: %s");
 }
 
 namespace {
@@ -344,60 +362,37 @@ namespace {
 // null) and *flags for a user, 0 for none, -1 after a report.
 int read_clone_source(const char *mailname, const char *domain, char **password, int *flags)
 {
-    static const char domain_sql[] = "SELECT id, status FROM domains WHERE name=?";
-    static const char user_sql[] =
-        "SELECT name, userPassword, cmusaslsecretPLAIN, status FROM users WHERE dom_id=? AND name=?";
     Handle h(SQLITE_OPEN_READONLY, open_ro_format);
-    if (h.db == nullptr)
-        return -1;
+    sqlite3_int64 dom_id;
+    int domain_status;
+    {
+        Statement st(h.db, "SELECT id, status FROM domains WHERE name=?", false);
+        const int found = st.text(domain, "Unable to bind parameter domain id for: %s: %s", domain)
+                              .step("Unable to get domain id: %s");
+        if (found == 0)
+            zarnet_log(3, "Unable to get mail domain id for: %s", domain);
+        if (found != 1)
+            return -1;
+        dom_id = st.id(0);
+        domain_status = st.number(1);
+    }
 
-    Statement st;
-    if (!prepare(h.db, domain_sql, st))
-        return -1;
-    if (!bind_text(st, 1, domain)) {
-        zarnet_log(3, "Unable to bind parameter domain id for: %s: %s", domain, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    int rc = mailAuthDBStep(st.stmt);
-    if (rc == SQLITE_DONE) {
-        zarnet_log(3, "Unable to get mail domain id for: %s", domain);
-        return -1;
-    }
-    if (rc != SQLITE_ROW) {
-        zarnet_log(3, "Unable to get domain id: %s", sqlite3_errmsg(h.db));
-        return -1;
-    }
-    const sqlite3_int64 dom_id = sqlite3_column_int64(st.stmt, 0);
-    const int domain_status = sqlite3_column_int(st.stmt, 1);
-    st.finalize();
-
-    if (!prepare(h.db, user_sql, st))
-        return -1;
-    if (!bind_int(st, 1, dom_id)) {
-        zarnet_log(3, "Unable to bind parameter bind domain id for: %s: %s", domain,
-                   sqlite3_errmsg(h.db));
-        return -1;
-    }
-    if (!bind_text(st, 2, mailname)) {
-        zarnet_log(3, "Unable to bind parameter bind mailname %s: %s", mailname, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    rc = mailAuthDBStep(st.stmt);
-    if (rc == SQLITE_DONE)
-        return 0;
-    if (rc != SQLITE_ROW) {
-        zarnet_log(3, "Unable to get passwd for mailname: %s: %s", mailname, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    const char *plain = column_text(st.stmt, 1);
-    const char *enc = column_text(st.stmt, 2);
-    const char *chosen = enc != nullptr ? enc : plain;
+    Statement st(h.db,
+                 "SELECT name, userPassword, cmusaslsecretPLAIN, status FROM users WHERE dom_id=? AND name=?",
+                 false);
+    const int found = st.integer(dom_id, "Unable to bind parameter bind domain id for: %s: %s", domain)
+                          .text(mailname, "Unable to bind parameter bind mailname %s: %s", mailname)
+                          .step("Unable to get passwd for mailname: %s: %s", mailname);
+    if (found != 1)
+        return found;
+    const char *enc = st.column(2);
+    const char *chosen = enc != nullptr ? enc : st.column(1);
     *password = nullptr;
     if (chosen != nullptr && (*password = strdup(chosen)) == nullptr) {
         zarnet_log(3, "System error: %s", strerror(ENOMEM));
         return -1;
     }
-    *flags = row_flags(enc, sqlite3_column_int(st.stmt, 3), domain_status);
+    *flags = row_flags(enc, st.number(3), domain_status);
     return 1;
 }
 
@@ -422,21 +417,13 @@ int mailAuthClone(const char *src_mailname, const char *src_domain, const char *
 
 int setDomainStatus(const char *domain, int status)
 {
-    static const char sql[] = "UPDATE domains SET status=? WHERE name=?";
-    return run_change(sql, "Unable to execute the mail domain authorization status change query: %s",
-                      [&](sqlite3 *db, Statement &st) {
-                          if (!bind_int(st, 1, status)) {
-                              zarnet_log(3, "Unable to bind parameter status %d to  SQL statement for query '%s': %s",
-                                         status, sql, sqlite3_errmsg(db));
-                              return false;
-                          }
-                          if (!bind_text(st, 2, domain)) {
-                              zarnet_log(3, "Unable to bind parameter domain name '%s' to  SQL statement for query '%s': %s",
-                                         domain, sql, sqlite3_errmsg(db));
-                              return false;
-                          }
-                          return true;
-                      });
+    Change change("UPDATE domains SET status=? WHERE name=?");
+    change.integer(status, "Unable to bind parameter status %d to  SQL statement for query '%s': %s",
+                   status);
+    return change
+        .text(domain, "Unable to bind parameter domain name '%s' to  SQL statement for query '%s': %s",
+              domain)
+        .run("Unable to execute the mail domain authorization status change query: %s");
 }
 
 int mailAuthEnableDomain(const char *domain) { return setDomainStatus(domain, 0); }
@@ -445,84 +432,53 @@ int mailAuthDisableDomain(const char *domain) { return setDomainStatus(domain, 1
 
 int mailAuthRenameDomain(const char *old_domain, const char *new_domain)
 {
-    static const char sql[] = "UPDATE domains SET name=? WHERE name=?";
-    return run_change(sql, "Unable to execute the mail domain authorization name change query: %s",
-                      [&](sqlite3 *db, Statement &st) {
-                          if (!bind_text(st, 1, new_domain)) {
-                              zarnet_log(3, "Unable to bind parameter new domain name '%s' to SQL statement for query '%s': %s",
-                                         new_domain, sql, sqlite3_errmsg(db));
-                              return false;
-                          }
-                          if (!bind_text(st, 2, old_domain)) {
-                              zarnet_log(3, "Unable to bind parameter old domain name '%s' to SQL statement for query '%s': %s",
-                                         old_domain, sql, sqlite3_errmsg(db));
-                              return false;
-                          }
-                          return true;
-                      });
+    return Change("UPDATE domains SET name=? WHERE name=?")
+        .text(new_domain, "Unable to bind parameter new domain name '%s' to SQL statement for query '%s': %s",
+              new_domain)
+        .text(old_domain, "Unable to bind parameter old domain name '%s' to SQL statement for query '%s': %s",
+              old_domain)
+        .run("Unable to execute the mail domain authorization name change query: %s");
 }
 
 int mailAuthRemoveDomain(const char *domain)
 {
-    static const char sql[] = "DELETE FROM domains WHERE name=?";
-    return run_change(sql, "Unable to execute the domain mail authorization removal query: %s",
-                      [&](sqlite3 *db, Statement &st) {
-                          if (!bind_text(st, 1, domain)) {
-                              zarnet_log(3, "Unable to bind parameter domain name '%s' to SQL statement for query '%s': %s",
-                                         domain, sql, sqlite3_errmsg(db));
-                              return false;
-                          }
-                          return true;
-                      });
+    return Change("DELETE FROM domains WHERE name=?")
+        .text(domain, "Unable to bind parameter domain name '%s' to SQL statement for query '%s': %s", domain)
+        .run("Unable to execute the domain mail authorization removal query: %s");
 }
 
 int mailAuthCheck(const char *address, mailAuthCallback callback, void *data)
 {
-    static const char sql[] =
-        "SELECT u.userPassword AS password, u.cmusaslsecretPLAIN AS encPassword,"
-        " u.status AS userDisabled, d.status AS domainDisabled FROM users AS u, domains AS d"
-        " WHERE u.dom_id = d.id AND u.name=? AND d.name=?";
     const char *at = std::strchr(address, '@');
     if (at == nullptr || at == address || at[1] == '\0') {
         zarnet_log(3, "Invalid mail address '%s'", address);
         return -1;
     }
-    const int name_len = static_cast<int>(at - address);
+    const std::string mailname(address, at);
 
     Handle h(SQLITE_OPEN_READONLY, open_ro_format);
-    if (h.db == nullptr)
-        return -1;
-    Statement st;
-    if (!prepare(h.db, sql, st))
-        return -1;
-    if (sqlite3_bind_text(st.stmt, 1, address, name_len, SQLITE_STATIC) != SQLITE_OK) {
-        zarnet_log(3, "Unable to bind parameter mailname '%.*s' to SQL statement for query '%s': %s",
-                   name_len, address, sql, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    if (!bind_text(st, 2, at + 1)) {
-        zarnet_log(3, "Unable to bind parameter domain name '%s' to SQL statement for query '%s': %s",
-                   at + 1, sql, sqlite3_errmsg(h.db));
-        return -1;
-    }
-    const int rc = mailAuthDBStep(st.stmt);
-    if (rc == SQLITE_DONE) {
+    Statement st(h.db, "SELECT u.userPassword AS password, u.cmusaslsecretPLAIN AS encPassword,"
+                       " u.status AS userDisabled, d.status AS domainDisabled FROM users AS u, domains AS d"
+                       " WHERE u.dom_id = d.id AND u.name=? AND d.name=?");
+    const int found =
+        st.text(mailname.c_str(),
+                "Unable to bind parameter mailname '%.*s' to SQL statement for query '%s': %s",
+                static_cast<int>(mailname.size()), address)
+            .text(at + 1, "Unable to bind parameter domain name '%s' to SQL statement for query '%s': %s",
+                  at + 1)
+            .step("Unable to execute the user selection query: %s");
+    if (found == 0)
         zarnet_log(3, "No such user '%s' in mail authorization database", address);
+    if (found != 1)
         return -1;
-    }
-    if (rc != SQLITE_ROW) {
-        zarnet_log(3, "Unable to execute the user selection query: %s", sqlite3_errmsg(h.db));
-        return -1;
-    }
-    const char *password = column_text(st.stmt, 0);
-    const char *enc_password = column_text(st.stmt, 1);
+    const char *password = st.column(0);
+    const char *enc_password = st.column(1);
     if (password == nullptr && enc_password == nullptr) {
         zarnet_log(3, "NULL password fields (noth plain and encrypted) for user %s, skipped", address);
         return -1;
     }
     callback(address, enc_password != nullptr ? enc_password : password,
-             row_flags(enc_password, sqlite3_column_int(st.stmt, 2), sqlite3_column_int(st.stmt, 3)),
-             data);
+             row_flags(enc_password, st.number(2), st.number(3)), data);
     return 0;
 }
 
@@ -591,22 +547,15 @@ int set_postbox_passwd(const char *mailname, const char *domain, const char *pas
 int set_passwd_for_domains(const char *mailname, const char *domain, const char *password,
                            int flags)
 {
-    if (set_postbox_passwd(mailname, domain, password, flags) == -1) {
-        zarnet_log(3, "Unable to set password for mailname %s@%s", mailname, domain);
-        return -1;
-    }
-    PanelList aliases;
-    if (get_domaliases_by_domain(nullptr, &aliases.items, domain) != 0) {
-        zarnet_log(3, "Unable to get domain aliases for domain %s", domain);
-        return -1;
-    }
-    if (aliases.items == nullptr)
-        return 0;
-    for (char **alias = aliases.items; *alias != nullptr; ++alias) {
-        if (set_postbox_passwd(mailname, *alias, password, flags) == -1)
-            return -1;
-    }
-    return 1;
+    return on_domain_and_aliases(domain, "Unable to get domain aliases for domain %s",
+                                 [&](const char *name, bool alias) {
+                                     if (set_postbox_passwd(mailname, name, password, flags) != -1)
+                                         return true;
+                                     if (!alias)
+                                         zarnet_log(3, "Unable to set password for mailname %s@%s",
+                                                    mailname, name);
+                                     return false;
+                                 });
 }
 
 int set_mass_postbox_passwd(const char *mailname, const char *domain, const char *password,
@@ -617,35 +566,20 @@ int set_mass_postbox_passwd(const char *mailname, const char *domain, const char
     PanelList aliases;
     if (get_aliases_by_mailname(nullptr, &aliases.items, mailname, domain) != 0)
         return -1;
-    if (aliases.items == nullptr)
-        return 0;
-    for (char **alias = aliases.items; *alias != nullptr; ++alias) {
-        if (set_passwd_for_domains(*alias, domain, password, flags) == -1)
-            return -1;
-    }
-    return 1;
+    return each(aliases, [&](const char *alias) {
+        return set_passwd_for_domains(alias, domain, password, flags) != -1;
+    });
 }
 
 int rm_mname_from_domains(const char *mailname, const char *domain)
 {
-    if (mailAuthRemove(mailname, domain) == -1) {
-        zarnet_log(3, "Unable to remove mailname %s@%s", mailname, domain);
-        return -1;
-    }
-    PanelList aliases;
-    if (get_domaliases_by_domain(nullptr, &aliases.items, domain) != 0) {
-        zarnet_log(3, "Unable to get domain aliases for domain %s", domain);
-        return -1;
-    }
-    if (aliases.items == nullptr)
-        return 0;
-    for (char **alias = aliases.items; *alias != nullptr; ++alias) {
-        if (mailAuthRemove(mailname, *alias) == -1) {
-            zarnet_log(3, "Unable to remove mailname %s@%s", mailname, *alias);
-            return -1;
-        }
-    }
-    return 1;
+    return on_domain_and_aliases(domain, "Unable to get domain aliases for domain %s",
+                                 [&](const char *name, bool) {
+                                     if (mailAuthRemove(mailname, name) != -1)
+                                         return true;
+                                     zarnet_log(3, "Unable to remove mailname %s@%s", mailname, name);
+                                     return false;
+                                 });
 }
 
 int rm_mails_from_domains(const char *mailname, const char *domain)
@@ -654,76 +588,45 @@ int rm_mails_from_domains(const char *mailname, const char *domain)
         zarnet_log(3, "Unable to remove mailname %s@%s", mailname, domain);
         return -1;
     }
-    if (rm_mname_from_domains(mailname, domain) == -1) {
+    const auto from_domains = [&](const char *name) {
+        if (rm_mname_from_domains(name, domain) != -1)
+            return true;
         zarnet_log(3, "Unable to remove mailname from domain aliases");
+        return false;
+    };
+    if (!from_domains(mailname))
         return -1;
-    }
     PanelList aliases;
     if (get_aliases_by_mailname(nullptr, &aliases.items, mailname, domain) != 0) {
         zarnet_log(3, "Unable to get mail aliases for mailname %s%s", mailname, domain);
         return -1;
     }
-    if (aliases.items == nullptr)
-        return 0;
-    for (char **alias = aliases.items; *alias != nullptr; ++alias) {
-        if (rm_mname_from_domains(*alias, domain) == -1) {
-            zarnet_log(3, "Unable to remove mailname from domain aliases");
-            return -1;
-        }
-    }
-    return 1;
+    return each(aliases, from_domains);
 }
 
 int domain_auth_action(const char *domain, int (*action)(const char *domain),
                        const char *action_text)
 {
-    if (action(domain) == -1) {
-        zarnet_log(3, "Unable to %s for domain %s", action_text, domain);
-        return -1;
-    }
-    PanelList aliases;
-    if (get_domaliases_by_domain(nullptr, &aliases.items, domain) != 0) {
-        zarnet_log(3, "Unable to get aliases for domain %s", domain);
-        return -1;
-    }
-    if (aliases.items == nullptr)
-        return 0;
-    for (char **alias = aliases.items; *alias != nullptr; ++alias) {
-        if (action(*alias) == -1) {
-            zarnet_log(3, "Unable to %s for domain alias %s", action_text, *alias);
-            return -1;
-        }
-    }
-    return 1;
+    return on_domain_and_aliases(domain, "Unable to get aliases for domain %s",
+                                 [&](const char *name, bool alias) {
+                                     if (action(name) != -1)
+                                         return true;
+                                     zarnet_log(3, alias ? "Unable to %s for domain alias %s"
+                                                         : "Unable to %s for domain %s",
+                                                action_text, name);
+                                     return false;
+                                 });
 }
 
 int add_domain_auth_alias(const char *domain, const char *alias)
 {
-    PanelList mailnames;
-    if (get_mailnames_by_domain(nullptr, &mailnames.items, domain) != 0) {
-        zarnet_log(3, "Unable to get mailnames from domain %s", domain);
-        return -1;
-    }
-    if (mailnames.items == nullptr)
-        return 0;
-    for (char **mailname = mailnames.items; *mailname != nullptr; ++mailname) {
-        PanelList mail_aliases;
-        if (get_aliases_by_mailname(nullptr, &mail_aliases.items, *mailname, domain) != 0) {
-            zarnet_log(3, "Unable to get mail aliases for %s@%s", *mailname, domain);
-            return -1;
-        }
-        for (char **name = mail_aliases.items; name != nullptr && *name != nullptr; ++name) {
-            if (mailAuthClone(*name, domain, *name, alias) == -1) {
-                zarnet_log(3, "Unable to clone auth record for %s@%s", *name, domain);
-                return -1;
-            }
-        }
-        if (mailAuthClone(*mailname, domain, *mailname, alias) == -1) {
-            zarnet_log(3, "Unable to clone auth record for %s@%s", *mailname, domain);
-            return -1;
-        }
-    }
-    return 1;
+    return on_mailnames(domain, "Unable to get mail aliases for %s@%s",
+                        [&](const char *name, bool) {
+                            if (mailAuthClone(name, domain, name, alias) != -1)
+                                return true;
+                            zarnet_log(3, "Unable to clone auth record for %s@%s", name, domain);
+                            return false;
+                        });
 }
 
 int rm_domain_auth_alias(const char *alias)
@@ -739,27 +642,11 @@ int rm_domain_auth_alias(const char *alias)
     }
     if (owner.items == nullptr || owner.items[0] == nullptr)
         return 0;
-    const char *domain = owner.items[0];
-
-    PanelList mailnames;
-    if (get_mailnames_by_domain(nullptr, &mailnames.items, domain) != 0) {
-        zarnet_log(3, "Unable to get mailnames from domain %s", domain);
-        return -1;
-    }
-    if (mailnames.items == nullptr)
-        return 0;
-    for (char **mailname = mailnames.items; *mailname != nullptr; ++mailname) {
-        PanelList mail_aliases;
-        if (get_aliases_by_mailname(nullptr, &mail_aliases.items, *mailname, domain) != 0) {
-            zarnet_log(3, "Unable to get aliases for mailname %s@%s", *mailname, domain);
-            return -1;
-        }
-        for (char **name = mail_aliases.items; name != nullptr && *name != nullptr; ++name) {
-            if (mailAuthRemove(*name, alias) == -1) {
-                zarnet_log(3, "Unable to remove mail alias %s@%s", *name, alias);
-                return -1;
-            }
-        }
-    }
-    return 1;
+    return on_mailnames(owner.items[0], "Unable to get aliases for mailname %s@%s",
+                        [&](const char *name, bool mailname) {
+                            if (mailname || mailAuthRemove(name, alias) != -1)
+                                return true;
+                            zarnet_log(3, "Unable to remove mail alias %s@%s", name, alias);
+                            return false;
+                        });
 }

@@ -5,95 +5,62 @@
 #include "utils/product_log.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 namespace {
 
-struct FreeDeleter {
-    void operator()(char *p) const { std::free(p); }
-};
-using QueryText = std::unique_ptr<char, FreeDeleter>;
-
-// The formatted text, or null when it could not be built.
-__attribute__((format(printf, 1, 2)))
-QueryText asprintf_safe(const char *format, ...)
+// Runs the query formatted from args; any failure, formatting included,
+// is also logged as failure with the same args.
+template <typename... Args>
+int list_query(MYSQL *conn, char ***out, const char *failure, const char *format, Args... args)
 {
-    va_list args;
-    va_start(args, format);
-    char *text = nullptr;
-    const int n = vasprintf(&text, format, args);
-    va_end(args);
-    if (n < 0)
-        return QueryText();
-    return QueryText(text);
-}
-
-// Runs a built query; a null text is a formatting failure.
-int run_list_query(MYSQL *conn, char ***out, const QueryText &query)
-{
-    if (!query) {
+    char *query;
+    int rc = -1;
+    if (asprintf(&query, format, args...) < 0) {
         zarnet_log(3, "Unable to create database query");
-        return -1;
+    } else {
+        rc = exec_mysql_query(conn, query, out);
+        std::free(query);
     }
-    return exec_mysql_query(conn, query.get(), out);
+    if (rc != 0)
+        zarnet_log(3, failure, args...);
+    return rc == 0 ? 0 : -1;
 }
 
 } // namespace
 
 int get_domaliases_by_domain(MYSQL *conn, char ***out, const char *domain)
 {
-    const QueryText query = asprintf_safe(
-        "SELECT da.name FROM domainaliases da JOIN domains d WHERE da.dom_id=d.id and "
-        "d.name='%s'",
-        domain);
-    if (run_list_query(conn, out, query) != 0) {
-        zarnet_log(3, "Unable to get domain aliases from database for: %s", domain);
-        return -1;
-    }
-    return 0;
+    return list_query(conn, out, "Unable to get domain aliases from database for: %s",
+                      "SELECT da.name FROM domainaliases da JOIN domains d WHERE da.dom_id=d.id and "
+                      "d.name='%s'",
+                      domain);
 }
 
 int get_mailnames_by_domain(MYSQL *conn, char ***out, const char *domain)
 {
-    const QueryText query = asprintf_safe(
-        "SELECT m.mail_name FROM mail m JOIN domains d WHERE m.dom_id=d.id AND d.name='%s'",
-        domain);
-    if (run_list_query(conn, out, query) != 0) {
-        zarnet_log(3, "Unable to get mailnames from domain: %s", domain);
-        return -1;
-    }
-    return 0;
+    return list_query(conn, out, "Unable to get mailnames from domain: %s",
+                      "SELECT m.mail_name FROM mail m JOIN domains d WHERE m.dom_id=d.id AND d.name='%s'",
+                      domain);
 }
 
 int get_aliases_by_mailname(MYSQL *conn, char ***out, const char *mailname,
                             const char *domain)
 {
-    const QueryText query = asprintf_safe(
-        "SELECT ma.alias FROM mail_aliases ma JOIN mail m, domains d WHERE ma.mn_id=m.id AND "
-        "m.mail_name='%s' AND m.dom_id=d.id AND d.name='%s'",
-        mailname, domain);
-    if (run_list_query(conn, out, query) != 0) {
-        zarnet_log(3, "Unable to get aliases for mailname: %s@%s", mailname, domain);
-        return -1;
-    }
-    return 0;
+    return list_query(conn, out, "Unable to get aliases for mailname: %s@%s",
+                      "SELECT ma.alias FROM mail_aliases ma JOIN mail m, domains d WHERE ma.mn_id=m.id AND "
+                      "m.mail_name='%s' AND m.dom_id=d.id AND d.name='%s'",
+                      mailname, domain);
 }
 
 int get_domain_by_domainalias(MYSQL *conn, char ***out, const char *alias)
 {
-    const QueryText query = asprintf_safe(
-        "SELECT d.name FROM domains d JOIN domainaliases da WHERE d.id=da.dom_id AND "
-        "da.name='%s'",
-        alias);
-    if (run_list_query(conn, out, query) != 0) {
-        zarnet_log(3, "Unable to get domain by domainalias: %s", alias);
-        return -1;
-    }
-    return 0;
+    return list_query(conn, out, "Unable to get domain by domainalias: %s",
+                      "SELECT d.name FROM domains d JOIN domainaliases da WHERE d.id=da.dom_id AND "
+                      "da.name='%s'",
+                      alias);
 }
 
 int get_dom_Limit(const char *dom_id, const char *name, char *out, size_t size)

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,15 +22,6 @@ const size_t kPathSize = 4096;
 const int kMaxParams = 31;
 
 int (*restart)(const char *, const char *) = restart_daemon;
-
-__attribute__((format(printf, 1, 2))) void report_plain(const char *format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    errno = 0;
-    vmesslog2(0, 0, format, args);
-    va_end(args);
-}
 
 // The whole file; false with errno when it could not be read to its end.
 bool read_all(int fd, std::string *text)
@@ -72,7 +62,8 @@ std::string edited(const std::string &text, const courier_param *params)
         bool copy = true;
         for (int i = 0; params[i].name != nullptr; ++i) {
             if (i >= kMaxParams) {
-                report_plain("Too many variables specified, tail is ignored\n");
+                errno = 0; // about the input: no system error text
+                messlog2(0, 0, "Too many variables specified, tail is ignored\n");
                 break;
             }
             if (!sets(line, params[i].name))
@@ -100,7 +91,8 @@ int edit_file(const char *name, const courier_param *params)
     const char *root = zrnConfGetDefaultByIndex(COURIER_IMAP_ROOT_D);
     const std::string path = std::string(root) + "/etc/courier-imap/" + name;
     if (path.size() >= kPathSize) {
-        report_plain("File path too long %s\n", path.c_str());
+        errno = 0;
+        messlog2(0, 0, "File path too long %s\n", path.c_str());
         return -1;
     }
 

@@ -100,70 +100,37 @@ std::unique_ptr<testsupport::PostfixDirs> MainCfTool::dirs;
 
 } // namespace
 
-TEST_F(MainCfTool, ReadsTrimmedValuesAndDefaults)
+// Plain reads, writes and network-list edits the white-list and size
+// system tests prove; here the rest.
+TEST_F(MainCfTool, ReadsWritesAndListEdits)
 {
     set("smtpd_banner", "  $myhostname ESMTP two words ");
-    EXPECT_EQ(cf().getStringValue("smtpd_banner", false), "$myhostname ESMTP two words");
     set("message_size_limit", "5000");
-    EXPECT_EQ(cf().getStringValue("message_size_limit", false), "5000");
-    EXPECT_EQ(cf().getStringValue("message_size_limit", true), "10240000");
-    // This tool only warns about a parameter it does not know: an empty value.
-    EXPECT_EQ(cf().getStringValue("no_such_parameter_here", false), "");
-}
-
-TEST_F(MainCfTool, ReplaceWritesOneArgumentVerbatim)
-{
+    EXPECT_EQ(cf().getStringValue("smtpd_banner", false) + "|" + cf().getStringValue("message_size_limit", true) +
+                  "|" + cf().getStringValue("no_such_parameter_here", false), // only warned about
+              "$myhostname ESMTP two words|10240000|");
     cf().replaceStringValue("smtpd_banner", "$myhostname; rm -rf / `x` \"q\"");
     dirs->settle();
-    EXPECT_EQ(get("smtpd_banner"), "$myhostname; rm -rf / `x` \"q\"");
-}
-
-TEST_F(MainCfTool, AppendToSimpleLists)
-{
-    set("mynetworks", "");
-    cf().appendStringValue("mynetworks", "10.0.0.0/8");
-    EXPECT_TRUE(written());
-    EXPECT_EQ(get("mynetworks"), "10.0.0.0/8");
-
-    cf().appendStringValue("mynetworks", "10.0.0.0/8");
-    EXPECT_TRUE(written()) << "networks are written back even when present";
-    EXPECT_EQ(get("mynetworks"), "10.0.0.0/8");
+    EXPECT_EQ(get("smtpd_banner"), "$myhostname; rm -rf / `x` \"q\"") << "not one argument verbatim";
 
     set("relay_domains", "a,c");
     cf().appendStringValue("relay_domains", "c");
-    EXPECT_FALSE(written()) << "present element rewrote another list";
+    EXPECT_FALSE(written()) << "present element rewrote a list other than mynetworks";
     cf().appendStringValue("relay_domains", "b");
     dirs->settle();
     EXPECT_EQ(get("relay_domains"), "a,c, b");
-}
-
-TEST_F(MainCfTool, RemoveFromSimpleLists)
-{
-    const struct {
-        const char *before, *remove, *after;
-    } cases[] = {
-        {"a, b,,c", "b", "a, c"},
-        {"a b\tc", "x", "a, b, c"},
-        {"b, b", "b", ""},
-        {"127.0.0.0/8 [::1]/128", "[::1]/128", "127.0.0.0/8"},
-    };
-    for (const auto &c : cases) {
-        set("mynetworks", c.before);
-        cf().removeListElement("mynetworks", c.remove);
+    for (const char *before : {"a, b,,c", "b, b"}) {
+        set("mynetworks", before);
+        cf().removeListElement("mynetworks", "b");
         dirs->settle();
-        EXPECT_EQ(get("mynetworks"), c.after) << c.before << " - " << c.remove;
+        EXPECT_EQ(get("mynetworks"), std::string(before) == "b, b" ? "" : "a, c") << before;
     }
-}
 
-TEST_F(MainCfTool, FilterCompoundLists)
-{
-    set("smtpd_recipient_restrictions",
-        "permit_mynetworks,  check_client_access pcre:/x.re ,reject_unauth_destination");
+    set("smtpd_recipient_restrictions", "permit_mynetworks,  check_client_access pcre:/x.re ,reject_unauth_destination");
     cf().appendCompoundStringValue("smtpd_recipient_restrictions", "check_client_access pcre:/x.re");
     dirs->settle();
     EXPECT_EQ(get("smtpd_recipient_restrictions"),
               "permit_mynetworks, check_client_access pcre:/x.re, reject_unauth_destination");
-
     cf().filterStringValues("smtpd_recipient_restrictions", [](std::vector<std::string> &pieces) {
         pieces.erase(pieces.begin());
         pieces.insert(pieces.begin(), "permit_sasl_authenticated");
@@ -171,13 +138,8 @@ TEST_F(MainCfTool, FilterCompoundLists)
     });
     dirs->settle();
     EXPECT_EQ(get("smtpd_recipient_restrictions"),
-              "permit_sasl_authenticated, check_client_access pcre:/x.re, "
-              "reject_unauth_destination, reject");
-}
+              "permit_sasl_authenticated, check_client_access pcre:/x.re, reject_unauth_destination, reject");
 
-TEST_F(MainCfTool, ToolFailureCarriesItsText)
-{
-    cf(); // constructed while the configuration exists
     setenv("MAIL_CONFIG", (dirs->root + "/missing").c_str(), 1);
     try {
         cf().replaceStringValue("mynetworks", "10.0.0.0/8");
