@@ -1,12 +1,11 @@
-"""Fixtures for the system tests: the real mailtend binary in a throwaway sandbox.
+"""Fixtures for the system tests: the real mailtend binary in throwaway sandboxes.
 
-Environment:
-  MAILTEND_BIN            the binary under test (default: build/mailtend of this checkout)
-  MAILTEND_SANDBOX_BASE   directory for the sandbox roots (default: a fresh temporary one)
-  MAILTEND_KEEP_SANDBOX   set to 1 to keep each test's sandbox root for inspection (its
-                          processes are still ended); the path is printed at teardown
+Environment: MAILTEND_BIN (the binary under test; default build/mailtend of this checkout),
+MAILTEND_SANDBOX_BASE (directory for the sandbox roots; default a fresh temporary one),
+MAILTEND_KEEP_SANDBOX=1 (keep each sandbox root for inspection; its processes still end).
 """
 
+import contextlib
 import os
 import re
 import shutil
@@ -23,10 +22,7 @@ from panel_db import PanelDB, build_template  # noqa: E402
 from sandbox import REPO, Sandbox  # noqa: E402
 
 _HOST_STATE = pytest.StashKey[dict]()
-
-
-def _keep():
-    return os.environ.get("MAILTEND_KEEP_SANDBOX", "") not in ("", "0")
+KEEP = os.environ.get("MAILTEND_KEEP_SANDBOX", "") not in ("", "0")
 
 
 def pytest_configure(config):
@@ -42,25 +38,15 @@ def pytest_sessionstart(session):
 
 
 def pytest_sessionfinish(session, exitstatus):
-    before = session.config.stash.get(_HOST_STATE, None)
-    if before is None:
-        return
-    changed = host_state.diff(before, host_state.snapshot())
+    changed = host_state.diff(session.config.stash[_HOST_STATE], host_state.snapshot())
     if changed:
-        reporter = session.config.pluginmanager.get_plugin("terminalreporter")
-        text = "the host changed during the run:\n  " + "\n  ".join(changed[:50])
-        if reporter is not None:
-            reporter.write_line("")
-            reporter.write_sep("!", "host files changed")
-            reporter.write_line(text)
-        else:
-            print(text, file=sys.stderr)
+        print("\nthe host changed during the run:\n  " + "\n  ".join(changed[:50]),
+              file=sys.stderr)
         session.exitstatus = pytest.ExitCode.TESTS_FAILED
 
 
 @pytest.fixture(scope="session")
 def host_snapshot(request):
-    """The fingerprint of the host's mail and account files taken when the session began."""
     return request.config.stash[_HOST_STATE]
 
 
@@ -78,49 +64,66 @@ def sandbox_base():
     base = os.environ.get("MAILTEND_SANDBOX_BASE")
     if base:
         os.makedirs(base, exist_ok=True)
-        session_dir = tempfile.mkdtemp(prefix="session.", dir=base)
-    else:
-        session_dir = tempfile.mkdtemp(prefix="mailtend-sandboxes.")
-    yield Path(session_dir)
-    if not _keep():
+    session_dir = Path(tempfile.mkdtemp(prefix="session.", dir=base or None))
+    yield session_dir
+    if not KEEP:
         shutil.rmtree(session_dir, ignore_errors=True)
-
-
-def _root_for(request, base):
-    # overlayfs options cannot carry commas or colons; test ids can
-    name = re.sub(r"[^A-Za-z0-9_.-]+", "_", request.node.name)[:40]
-    return tempfile.mkdtemp(prefix=name + ".", dir=base)
 
 
 @pytest.fixture(scope="session")
 def sandbox_template(sandbox_base, mailtend_bin):
-    """An initialised sandbox with the binary installed, never started; tests get copies."""
+    """Initialised, with the programs under test installed; stopped, as clones need it."""
     sb = Sandbox.create(sandbox_base / "template", mailtend_bin)
     sb.install_dbinit()
+    sb.stop()
     return sb
 
 
+@contextlib.contextmanager
+def fresh_sandbox(request):
+    base, template = (request.getfixturevalue(f) for f in ("sandbox_base", "sandbox_template"))
+    # overlayfs options cannot carry commas or colons; test ids can
+    name = re.sub(r"[^A-Za-z0-9_.-]+", "_", request.node.name)[:40]
+    sb = Sandbox.clone(template, tempfile.mkdtemp(prefix=name + ".", dir=base))
+    try:
+        yield sb
+    finally:
+        if KEEP:
+            sb.stop(kill=True)
+            print(f"\nkept sandbox: {sb.root}")
+        else:
+            sb.destroy()
+
+
 @pytest.fixture
-def sandbox(request, sandbox_base, sandbox_template):
-    """A fresh, stopped sandbox with the binary under test installed at the tool's path."""
-    sb = Sandbox.clone(sandbox_template, _root_for(request, sandbox_base))
-    yield sb
-    if _keep():
-        sb.stop(kill=True)
-        print(f"\nkept sandbox: {sb.root}")
-    else:
-        sb.destroy()
+def sandbox(request):
+    with fresh_sandbox(request) as sb:
+        yield sb
+
+
+@pytest.fixture(scope="module")
+def module_sandbox(request):
+    """One sandbox for the tests of a module that leave behind nothing the others read."""
+    with fresh_sandbox(request) as sb:
+        yield sb
 
 
 @pytest.fixture(scope="session")
 def panel_template(sandbox_base):
-    """Template datadir of the panel database, built once per session."""
     return build_template(sandbox_base / "panel-template")
+
+
+@contextlib.contextmanager
+def panel_in(sb, template):
+    """The panel database served inside the (then started) sandbox."""
+    db = PanelDB(sb, template).start()
+    try:
+        yield db
+    finally:
+        db.close()
 
 
 @pytest.fixture
 def panel_db(sandbox, panel_template):
-    """The panel database served inside the (now started) sandbox; seed it with add_*."""
-    db = PanelDB(sandbox, panel_template).start()
-    yield db
-    db.close()
+    with panel_in(sandbox, panel_template) as db:
+        yield db

@@ -1,72 +1,61 @@
-"""Server-wide settings through the real binary: the relay white list and the letter size in
-the real main.cf, each followed by a reload of the real Postfix, running or stopped; the
-POP3/IMAP account format with the restart of the real Courier servers; the SPF settings."""
+"""Server-wide settings through the real binary: the relay white list and the letter size in the
+real main.cf, each followed by a reload of the real Postfix, running or stopped; the POP3/IMAP
+account format with the restart of the real Courier servers; the SPF settings."""
 
 import pytest
 
-import services
-from sandbox import MAIN_CF
-from services import record_script, wait_for
+from conftest import fresh_sandbox
+from sandbox import COURIER, MAIN_CF, POSTFIX_LOG, REAL_INIT_D, wait_for
 
 LOOPBACK = "127.0.0.0/8"
+V4, V6 = f"{LOOPBACK}, 192.0.2.0/24", f"{LOOPBACK}, [2001:db8::]/32"
+BOTH = f"{LOOPBACK}, 192.0.2.0/24, [2001:db8::]/32"
+# command, option values, the setting afterwards with Postfix running and (a few) stopped
+STEPS = [
+    ("--add-whitelist", "192.0.2.0", "24", "mynetworks", V4, V4),
+    ("--add-whitelist", "2001:db8::", "32", "mynetworks", BOTH, None),
+    ("--add-whitelist", "192.0.2.0", "24", "mynetworks", BOTH, None),
+    ("--remove-whitelist", "127.0.0.0", "8", "mynetworks", BOTH, None),
+    ("--remove-whitelist", "192.0.2.0", "24", "mynetworks", V6, LOOPBACK),
+    ("--remove-whitelist", "2001:db8::", "32", "mynetworks", LOOPBACK, None),
+    ("--remove-whitelist", "127.0.0.1", "32", "mynetworks", LOOPBACK, None),
+    ("--set-max-letter-size", "20480000", None, "message_size_limit", "20480000", "20480000"),
+    ("--set-max-letter-size", "0", None, "message_size_limit", "51200000", None),
+]
 
 
-def help_head(r):
-    return r.out.split("\n")[:2]
+@pytest.fixture(scope="module", params=["running", "stopped"])
+def postfix(request):
+    """Postfix running or not, its init script recording calls."""
+    with fresh_sandbox(request) as sb:
+        sb.postconf_e(f"mynetworks = {LOOPBACK}", "mailbox_size_limit = 51200000",
+                      "message_size_limit = 10240000")
+        sb.running = request.param == "running"
+        if sb.running:
+            sb.start_postfix()
+        sb.record_script("postfix")
+        yield sb
 
 
-@pytest.fixture(params=["running", "stopped"])
-def postfix(request, sandbox):
-    """The sandbox started, Postfix running or not, and its init script recording calls."""
-    sandbox.start()
-    sandbox.postconf_e(f"mynetworks = {LOOPBACK}", "mailbox_size_limit = 51200000",
-                       "message_size_limit = 10240000")
-    if request.param == "running":
-        sandbox.start_postfix()
-    sandbox.running = request.param == "running"
-    sandbox.script = record_script(sandbox, services.POSTFIX)
-    return sandbox
+def master_reloads(sb):
+    return sb.read_text(POSTFIX_LOG).count(": reload -- ") if sb.running else 0
 
 
-def reloaded(sb):
-    """The server reloaded once since the recorder was cleared, and is as it was before."""
-    assert sb.script.actions() == ["reload"], sb.script.calls()
-    # a reload replaces the queue manager: it is briefly absent
-    assert wait_for(lambda: sb.postfix_running() == sb.running), "server state changed"
-    if sb.running:
-        assert wait_for(lambda: "reload" in sb.read_text(services.POSTFIX_LOG)), \
-            "the running server did not reload"
-    sb.script.clear()
-    return True
-
-
-def test_white_list(postfix):
+def test_changes_reload_postfix(postfix):
     sb = postfix
-    steps = [
-        ("--add-whitelist", "192.0.2.0", "24", f"{LOOPBACK}, 192.0.2.0/24"),
-        ("--add-whitelist", "2001:db8::", "32", f"{LOOPBACK}, 192.0.2.0/24, [2001:db8::]/32"),
-        ("--add-whitelist", "192.0.2.0", "24", f"{LOOPBACK}, 192.0.2.0/24, [2001:db8::]/32"),
-        ("--remove-whitelist", "127.0.0.0", "8", f"{LOOPBACK}, 192.0.2.0/24, [2001:db8::]/32"),
-        ("--remove-whitelist", "192.0.2.0", "24", f"{LOOPBACK}, [2001:db8::]/32"),
-        ("--remove-whitelist", "2001:db8::", "32", LOOPBACK),
-        ("--remove-whitelist", "127.0.0.1", "32", LOOPBACK),
-    ]
-    for command, address, mask, want in steps:
-        r = sb.mailtend(command, f"--ip-address={address}", f"--netmask={mask}")
-        assert r.rc == 0, r
+    for command, value, mask, parameter, running, stopped in STEPS:
+        want = running if sb.running else stopped
+        if want is None:
+            continue
+        reloads = master_reloads(sb)
+        args = [f"--ip-address={value}", f"--netmask={mask}"] if mask else [f"--size={value}"]
+        assert sb.mailtend(command, *args).rc == 0, (command, args)
         sb.backdate_main_cf()
-        assert sb.postconf_h("mynetworks") == want, (command, address, mask)
-        assert reloaded(sb)
-
-
-def test_letter_size(postfix):
-    sb = postfix
-    for size, want in (("20480000", "20480000"), ("0", "51200000")):
-        r = sb.mailtend("--set-max-letter-size", f"--size={size}")
-        assert r.rc == 0, r
-        sb.backdate_main_cf()
-        assert sb.postconf_h("message_size_limit") == want, size
-        assert reloaded(sb)
+        assert sb.postconf_h(parameter) == want, (command, args)
+        assert [c[0] for c in sb.calls("postfix")] == [["reload"]], (command, args)
+        # a reload replaces the queue manager: it is briefly absent
+        assert wait_for(lambda: sb.postfix_running() == sb.running), "server state changed"
+        assert wait_for(lambda: master_reloads(sb) == reloads + sb.running), "no reload"
 
 
 @pytest.mark.parametrize("args,error", [
@@ -76,77 +65,63 @@ def test_letter_size(postfix):
      "Fatal error: std::invalid_argument(netmask 33 is too long for the address '10.0.0.0')\n"),
     (["--set-max-letter-size", "--size=lots"],
      "the argument ('lots') for option '--size' is invalid\n"),
-])
-def test_refused_changes_touch_nothing(sandbox, args, error):
-    sandbox.start()
-    sandbox.postconf_e(f"mynetworks = {LOOPBACK}")
-    script = record_script(sandbox, services.POSTFIX)
-    before = sandbox.read(MAIN_CF)
-    r = sandbox.mailtend(*args)
-    assert (r.rc, r.err) == (1, error), r
+], ids=["list as an address", "netmask too long", "size not a number"])
+def test_refused_changes_touch_nothing(postfix, args, error):
+    before = postfix.read(MAIN_CF)
+    r = postfix.mailtend(*args).expect(1, None, error)
     assert r.out.startswith(error), r
-    assert sandbox.read(MAIN_CF) == before
-    assert script.calls() == [], "reloaded after a refused change"
+    assert postfix.read(MAIN_CF) == before
+    assert postfix.calls("postfix") == [], "reloaded after a refused change"
 
 
-@pytest.mark.parametrize("command,head", [
-    ("--add-whitelist", ["add a network to whitelist",
-                         "Usage: --add-whitelist --ip-address=<ip_address> --netmask=<netmask>"]),
-    ("--remove-whitelist",
-     ["remove a network from whitelist",
-      "Usage: --remove-whitelist --ip-address=<ip_address> --netmask=<netmask>"]),
-    ("--set-max-letter-size", ["set maximal letter size",
-                               "Usage: --set-max-letter-size --size=<size_in_bytes>"]),
-    ("--set-accounts-format", ["set accounts format",
-                               'Usage: --set-accounts-format --account-format="compound"']),
-    ("--update-spf", ["update SPF rules",
-                      "Usage: --update-spf [--spf-behavior=spf_behavior] [--spf-rules=spf_rules] "
-                      "[--spf-guess=spf_guess] [--spf-exp=<spf_exp>]"]),
-])
-def test_help(sandbox, command, head):
-    r = sandbox.mailtend(command, "--help")
-    assert (r.rc, r.err, help_head(r)) == (0, "", head), r
+def test_help(module_sandbox):
+    for command, head in [
+        ("--add-whitelist", "add a network to whitelist\nUsage: --add-whitelist "
+         "--ip-address=<ip_address> --netmask=<netmask>\n"),
+        ("--remove-whitelist", "remove a network from whitelist\nUsage: --remove-whitelist "
+         "--ip-address=<ip_address> --netmask=<netmask>\n"),
+        ("--set-max-letter-size",
+         "set maximal letter size\nUsage: --set-max-letter-size --size=<size_in_bytes>\n"),
+        ("--set-accounts-format",
+         'set accounts format\nUsage: --set-accounts-format --account-format="compound"\n'),
+        ("--update-spf", "update SPF rules\nUsage: --update-spf [--spf-behavior=spf_behavior] "
+         "[--spf-rules=spf_rules] [--spf-guess=spf_guess] [--spf-exp=<spf_exp>]\n"),
+    ]:
+        r = module_sandbox.mailtend(command, "--help").expect(0, None, "")
+        assert r.out.startswith(head), r
 
 
-COURIER_FILES = ("imapd", "imapd-ssl", "pop3d", "pop3d-ssl")
-
-
-def test_accounts_format_restarts_courier(sandbox):
-    sb = sandbox
-    sb.start()
-    for name in COURIER_FILES:
+def test_accounts_format_restarts_courier(module_sandbox):
+    sb = module_sandbox
+    for name in ("imapd", "imapd-ssl", "pop3d", "pop3d-ssl"):
         sb.write(f"/etc/courier/{name}", sb.read_text(f"/etc/courier/{name}") + "SHORTNAMES=1\n")
-    recorders = [record_script(sb, name) for name in services.COURIER_SCRIPTS]
-    for name in services.COURIER_SCRIPTS:
-        sb.run([services.real_script(name), "start"]).check()
-    before = {name: services.courier_pid(sb, name) for name in services.COURIER_SCRIPTS}
+    for name in COURIER:
+        sb.record_script(name)
+        sb.run([f"{REAL_INIT_D}/{name}", "start"]).check()
+    before = {name: sb.pidfile(pidfile) for name, (_, pidfile) in COURIER.items()}
 
-    r = sb.mailtend("--set-accounts-format", "--account-format=both")
-    assert r.rc == 1, r
-    assert r.err == ("Fatal error: zarnet::NotSupportedError(short account-format is not "
-                     "supported for Postfix isn't supported)\n"), r
-    assert all(rec.calls() == [] for rec in recorders)
+    sb.mailtend("--set-accounts-format", "--account-format=both").expect(1, None, (
+        "Fatal error: zarnet::NotSupportedError(short account-format is not supported for "
+        "Postfix isn't supported)\n"))
+    assert all(sb.calls(name) == [] for name in COURIER)
 
-    r = sb.mailtend("--set-accounts-format", "--account-format=compound")
-    assert r.rc == 0, r
-    for name in COURIER_FILES:
+    assert sb.mailtend("--set-accounts-format", "--account-format=compound").rc == 0
+    for name in ("imapd", "imapd-ssl", "pop3d", "pop3d-ssl"):
         assert "SHORTNAMES=" not in sb.read_text(f"/etc/courier/{name}"), name
-    for rec in recorders:
-        assert rec.calls() == [(["stop"], ["LANG=C"]), (["start"], ["LANG=C"])], rec.name
-    ports = set(services.COURIER_SCRIPTS.values())
-    assert wait_for(lambda: services.listening_ports(sb) >= ports), services.listening_ports(sb)
-    after = {name: services.courier_pid(sb, name) for name in services.COURIER_SCRIPTS}
+    for name in COURIER:
+        assert sb.calls(name) == [(["stop"], ["LANG=C"]), (["start"], ["LANG=C"])], name
+    ports = {port for port, _ in COURIER.values()}
+    assert wait_for(lambda: sb.listening_ports() >= ports), sb.listening_ports()
+    after = {name: sb.pidfile(pidfile) for name, (_, pidfile) in COURIER.items()}
     assert all(after[n] not in (None, before[n]) for n in before), (before, after)
 
 
-def test_update_spf(sandbox):
-    sb = sandbox
+def test_update_spf(module_sandbox):
+    sb = module_sandbox
     files = {"spf-behavior": "/etc/zrn-spf/spfbehavior", "spf-rules": "/etc/zrn-spf/spfrules",
              "spf-guess": "/etc/zrn-spf/spfguess", "spf-exp": "/etc/zrn-spf/spfexp"}
     for path in files.values():
         sb.write(path, "old")
-    r = sb.mailtend("--update-spf", "--spf-behavior=3", "--spf-rules=-", "--spf-exp=a - b")
-    assert (r.rc, r.out, r.err) == (0, "", ""), r
-    got = {option: sb.read_text(path) for option, path in files.items()}
-    assert got == {"spf-behavior": "3", "spf-rules": "", "spf-guess": "old",
-                   "spf-exp": "a - b"}
+    sb.mailtend("--update-spf", "--spf-behavior=3", "--spf-rules=-", "--spf-exp=a - b").expect()
+    assert {option: sb.read_text(path) for option, path in files.items()} == {
+        "spf-behavior": "3", "spf-rules": "", "spf-guess": "old", "spf-exp": "a - b"}
