@@ -22,15 +22,11 @@ from panel_db import PanelDB, build_template  # noqa: E402
 from sandbox import REPO, Sandbox  # noqa: E402
 
 _HOST_STATE = pytest.StashKey[dict]()
+# exact standard output of the commands in expected_output.txt, each below its "$ mailtend" line
+_PARTS = re.split(r"^\$ mailtend (.*)\n", (Path(__file__).parent / "expected_output.txt")
+                  .read_text(), flags=re.M)
+EXPECTED = {tuple(argv.split()): out for argv, out in zip(_PARTS[1::2], _PARTS[2::2])}
 KEEP = os.environ.get("MAILTEND_KEEP_SANDBOX", "") not in ("", "0")
-
-
-def pytest_configure(config):
-    config.addinivalue_line("markers", "run_last: run after every other test of the session")
-
-
-def pytest_collection_modifyitems(session, config, items):
-    items.sort(key=lambda item: item.get_closest_marker("run_last") is not None)
 
 
 def pytest_sessionstart(session):
@@ -61,10 +57,10 @@ def mailtend_bin():
 @pytest.fixture(scope="session")
 def sandbox_base():
     """This session's own directory for sandbox roots (sessions may share the base)."""
-    base = os.environ.get("MAILTEND_SANDBOX_BASE")
+    base = os.environ.get("MAILTEND_SANDBOX_BASE") or None
     if base:
         os.makedirs(base, exist_ok=True)
-    session_dir = Path(tempfile.mkdtemp(prefix="session.", dir=base or None))
+    session_dir = Path(tempfile.mkdtemp(prefix="session.", dir=base))
     yield session_dir
     if not KEEP:
         shutil.rmtree(session_dir, ignore_errors=True)

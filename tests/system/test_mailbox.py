@@ -5,7 +5,7 @@ import warnings
 
 import pytest
 
-from conftest import panel_in
+from conftest import EXPECTED, panel_in
 from sandbox import MAILNAMES, POPUSER
 
 with warnings.catch_warnings():
@@ -13,8 +13,8 @@ with warnings.catch_warnings():
     import crypt
 
 DOMAIN, ALIASES = "example.com", ("example.net", "example.org")
+INFO, DOMAIN_ONLY = ["--domain-name=example.com", "--mailname=info"], ["--domain-name=example.com"]
 DELIVERY = "| /usr/bin/deliverquota ./Maildir\n"
-MESSAGE = "Subject: quota\n\n" + "x" * 583 + "\n"  # 600 bytes
 SHADOW = "/etc/zrn/.zrn.shadow"
 
 
@@ -23,7 +23,7 @@ def home(name, domain=DOMAIN):
 
 
 def make_home(sb, name, domain=DOMAIN):
-    """A mailbox home as the mailname commands leave it; they are not under test here."""
+    """A mailbox home as the mailname commands (not under test here) leave it."""
     if sb.exists(home(name, domain)):
         sb.remove(home(name, domain))
     for sub in ("", "/Maildir", "/Maildir/tmp", "/Maildir/new", "/Maildir/cur", "/@attachments"):
@@ -33,7 +33,7 @@ def make_home(sb, name, domain=DOMAIN):
 
 @pytest.fixture(scope="module")
 def mailhost(module_sandbox, panel_template):
-    """example.com with two domain aliases, its mailname info with the mail alias sales and the
+    """example.com with two domain aliases, its mailname info with the mail alias sales, and the
     mailname boss with a quota of its own."""
     sb = module_sandbox
     with panel_in(sb, panel_template) as db:
@@ -56,8 +56,8 @@ def sb(mailhost):
     mailhost.sqlite("DELETE FROM users; DELETE FROM domains;").check()
     for name in ("info", "boss"):
         make_home(mailhost, name)
-    mailhost.write(SHADOW, mailhost.saved[SHADOW], mode=0o600)
-    mailhost.write("/etc/passwd", mailhost.saved["/etc/passwd"])
+    for path, data in mailhost.saved.items():
+        mailhost.write(path, data, mode=0o600 if path == SHADOW else 0o644)
     return mailhost
 
 
@@ -72,28 +72,27 @@ def everywhere(*names):
 
 
 def test_password_life_cycle_in_domain_and_aliases(sb):
-    info = [f"--domain-name={DOMAIN}", "--mailname=info"]
-    sb.mailtend("--add-mailbox", *info, env={"ZRN_PASSWORD": "s3cret one"}).expect()
+    sb.mailtend("--add-mailbox", *INFO, env={"ZRN_PASSWORD": "s3cret one"}).expect()
     assert sb.read_text(home("info") + "/.qmail") == DELIVERY + "| true\n"
     st = sb.stat(home("info") + "/.qmail")
     assert (st.st_uid, st.st_gid, st.st_mode & 0o7777) == (POPUSER, POPUSER, 0o600)
-    assert logins(sb, ["info"], "s3cret one") == everywhere("info")
-    assert logins(sb, ["info"], "s3cret two") == set()
+    assert (logins(sb, ["info"], "s3cret one"), logins(sb, ["info"], "s3cret two")) == (
+        everywhere("info"), set())
 
     # a crypted password replaces the plain one, for the mailname and its mail alias
-    sb.mailtend("--set-password", *info,
+    sb.mailtend("--set-password", *INFO,
                 env={"ZRN_CRYPTED_PASSWORD": crypt.crypt("s3cret two", "$1$abcdefgh$")}).expect()
     assert logins(sb, ["info", "sales"], "s3cret two") == everywhere("info", "sales")
     assert logins(sb, ["info"], "s3cret one") == set()
 
     # without a password: delivery only, for the mailname alone
-    sb.mailtend("--add-mailbox", *info, env={"ZRN_PASSWORD": ""}).expect()
+    sb.mailtend("--add-mailbox", *INFO, env={"ZRN_PASSWORD": ""}).expect()
     assert sb.read_text(home("info") + "/.qmail") == DELIVERY + "| true\n"
     assert logins(sb, ["info", "sales"], "s3cret two") == everywhere("sales")
 
-    sb.mailtend("--set-password", *info, env={"ZRN_PASSWORD": "s3cret three"}).expect()
+    sb.mailtend("--set-password", *INFO, env={"ZRN_PASSWORD": "s3cret three"}).expect()
     assert logins(sb, ["info", "sales"], "s3cret three") == everywhere("info", "sales")
-    sb.mailtend("--remove-mailbox", *info).expect()
+    sb.mailtend("--remove-mailbox", *INFO).expect()
     assert logins(sb, ["info", "sales"], "s3cret three") == set()
     assert sb.read_text(home("info") + "/.qmail") == "| true\n"
 
@@ -105,76 +104,65 @@ def test_plain_password_wins_and_disabled_domain_refused(sb):
                 env=both).expect()
     # the domain row was created disabled: nobody in it logs in
     assert sb.authtest("bob@other.example", "plain").rc != 0
-    sb.mailtend("--add-mailbox", f"--domain-name={DOMAIN}", "--mailname=info", env=both).expect()
-    assert (sb.authtest(f"info@{DOMAIN}", "plain").rc, sb.authtest(f"info@{DOMAIN}", "hashed").rc
-            ) == (0, 1)
+    sb.mailtend("--add-mailbox", *INFO, env=both).expect()
+    assert [sb.authtest(f"info@{DOMAIN}", pw).rc for pw in ("plain", "hashed")] == [0, 1]
 
 
 def test_quotas_enforced_by_the_delivery_program(sb):
-    maildir = home("info") + "/Maildir"
+    maildir, message = home("info") + "/Maildir", "Subject: quota\n\n" + "x" * 583 + "\n"
     # the attachments (here: their empty directory) are paid from the quota
     attachments = sb.stat(home("info") + "/@attachments").st_size
-    sb.mailtend("--set-mailbox-disk-quota", f"--domain-name={DOMAIN}", "--mailname=info",
-                f"--disk-quota={attachments + 1000}").expect()
+    sb.mailtend("--set-mailbox-disk-quota", *INFO, f"--disk-quota={attachments + 1000}").expect()
     assert sb.read_text(maildir + "/maildirsize") == "1000S,0C\n" + "%12d%12d\n" % (0, 0)
     st = sb.stat(maildir + "/maildirsize")
     assert (st.st_uid, st.st_gid, st.st_mode & 0o7777) == (POPUSER, POPUSER, 0o644)
 
-    assert (sb.deliverquota(maildir, MESSAGE).rc, sb.deliverquota(maildir, MESSAGE).rc) == (0, 77)
+    assert [sb.deliverquota(maildir, message).rc for _ in range(2)] == [0, 77]
     on_disk = sum(sb.stat(f"{maildir}/new/{n}").st_size for n in sb.listdir(maildir + "/new"))
     assert on_disk >= 600
-    sb.mailtend("--get-mailbox-size", f"--domain-name={DOMAIN}", "--mailname=info").expect(
-        0, f"{attachments + on_disk}")
-
+    sb.mailtend("--get-mailbox-size", *INFO).expect(0, f"{attachments + on_disk}")
     # unlimited again: the next message is accepted
-    sb.mailtend("--set-mailbox-disk-quota", f"--domain-name={DOMAIN}", "--mailname=info",
-                "--disk-quota=-1").expect()
-    assert sb.deliverquota(maildir, MESSAGE).rc == 0
+    sb.mailtend("--set-mailbox-disk-quota", *INFO, "--disk-quota=-1").expect()
+    assert sb.deliverquota(maildir, message).rc == 0
 
     # the domain's quota spares mailboxes with their own
-    sb.mailtend("--set-mailbox-disk-quota", f"--domain-name={DOMAIN}", "--mailname=boss",
+    sb.mailtend("--set-mailbox-disk-quota", *DOMAIN_ONLY, "--mailname=boss",
                 "--disk-quota=50000").expect()
-    sb.mailtend("--set-domain-disk-quota", f"--domain-name={DOMAIN}", "--disk-quota=20000").expect()
+    sb.mailtend("--set-domain-disk-quota", *DOMAIN_ONLY, "--disk-quota=20000").expect()
     assert [sb.read_text(home(n) + "/Maildir/maildirsize").split("\n")[0] for n in ("info", "boss")
             ] == [f"{20000 - attachments}S,0C", f"{50000 - attachments}S,0C"]
-
-    # a domain quota smaller than the attachments: delivery quota 0, with a warning
+    # smaller than the attachments: delivery quota 0, with a warning
     warning = "WARNING: @attachments directory is big enough to disable delivery!\n"
-    sb.mailtend("--set-domain-disk-quota", f"--domain-name={DOMAIN}", "--disk-quota=10").expect(
+    sb.mailtend("--set-domain-disk-quota", *DOMAIN_ONLY, "--disk-quota=10").expect(
         0, warning, warning)
 
 
 def test_redirects_in_delivery_file(sb):
     for email in ("a@x.example", "b@b\u00fccher.example", "a@x.example"):
-        sb.mailtend("--add-redirect", f"--domain-name={DOMAIN}", "--mailname=info",
-                    f"--redirect-email={email}").expect()
-    qmail = home("info") + "/.qmail"
-    assert sb.read_text(qmail) == "&a@x.example\n&b@xn--bcher-kva.example\n| true\n"
-    sb.mailtend("--remove-redirect", f"--domain-name={DOMAIN}", "--mailname=info",
-                "--redirect-email=a@x.example").expect()
-    assert sb.read_text(qmail) == "&b@xn--bcher-kva.example\n| true\n"
+        sb.mailtend("--add-redirect", *INFO, f"--redirect-email={email}").expect()
+    assert sb.read_text(home("info") + "/.qmail") == \
+        "&a@x.example\n&b@xn--bcher-kva.example\n| true\n"
+    sb.mailtend("--remove-redirect", *INFO, "--redirect-email=a@x.example").expect()
+    assert sb.read_text(home("info") + "/.qmail") == "&b@xn--bcher-kva.example\n| true\n"
 
 
-def without_popuser(passwd):
-    return b"".join(line for line in passwd.splitlines(True) if not line.startswith(b"popuser:"))
-
-
-FAILURES = [  # fault, broken file (path, content), commands, the message's start
+FAILURES = [  # fault, broken file and how, commands, the start of the one-line message
     ("bad mailname accepted", None, [["--add-mailbox", "--mailname=a..b"]],
      "Fatal error: std::invalid_argument(a..b)\n"),
-    ("mailname escaping the domain accepted", None,
-     [["--add-redirect", "--mailname=..", "--redirect-email=x@y.example"]],
+    ("mailname escaping the domain accepted", None, [
+        ["--add-redirect", "--mailname=..", "--redirect-email=x@y.example"]],
      "Fatal error: std::invalid_argument(invalid mailname '..')\n"),
-    ("mailname with a slash accepted", None,
-     [["--set-mailbox-disk-quota", "--mailname=a/b", "--disk-quota=5"]],
+    ("mailname with a slash accepted", None, [["--set-mailbox-disk-quota", "--mailname=a/b",
+                                               "--disk-quota=5"]],
      "Fatal error: std::invalid_argument(invalid mailname 'a/b')\n"),
-    ("unreachable panel ignored", (SHADOW, lambda _: b"not the password\n"),
-     [["--add-mailbox", "--mailname=info"], ["--set-password", "--mailname=info"],
-      ["--remove-mailbox", "--mailname=info"]],
+    ("unreachable panel ignored", (SHADOW, lambda _: b"not the password\n"), [
+        ["--add-mailbox", "--mailname=info"], ["--set-password", "--mailname=info"],
+        ["--remove-mailbox", "--mailname=info"]],
      "Unable to connect to Zarnet Database: Access denied for user 'admin'@'localhost'"),
-    ("missing popuser ignored", ("/etc/passwd", without_popuser),
-     [["--add-redirect", "--mailname=info", "--redirect-email=x@y.example"],
-      ["--set-mailbox-disk-quota", "--mailname=info", "--disk-quota=5"]],
+    ("missing popuser ignored", ("/etc/passwd", lambda passwd: b"".join(
+        line for line in passwd.splitlines(True) if not line.startswith(b"popuser:"))), [
+        ["--add-redirect", "--mailname=info", "--redirect-email=x@y.example"],
+        ["--set-mailbox-disk-quota", "--mailname=info", "--disk-quota=5"]],
      "Fatal error: zarnet::SystemError(user popuser not found"),
 ]
 
@@ -184,34 +172,18 @@ def test_failures_change_nothing(sb, fault, broken, commands, message):
     if broken:
         sb.write(broken[0], broken[1](sb.read(broken[0])), mode=sb.stat(broken[0]).st_mode & 0o777)
     for args in commands:
-        r = sb.mailtend(args[0], f"--domain-name={DOMAIN}", *args[1:], env={"ZRN_PASSWORD": "x"})
-        assert r.rc == 1 and r.err.startswith(message) and r.err.count("\n") == 1, r
-        assert r.out == r.err, r
+        r = sb.mailtend(args[0], *DOMAIN_ONLY, *args[1:], env={"ZRN_PASSWORD": "x"})
+        assert r.rc == 1 and r.out == r.err and r.err.startswith(message), r
+        assert r.err.count("\n") == 1, r
     assert sb.read_text(home("info") + "/.qmail") == "| true\n"
     assert sb.sqlite("SELECT count(*) FROM users; SELECT count(*) FROM domains;").out == "0\n0\n"
 
 
-# options of each command in help order; "!" marks a mandatory one
-OPTION_SETS = {
-    "--add-mailbox": ["!--domain-name", "!--mailname", "-D [ --mail-domain-disabled ]"],
-    "--set-password": ["!--domain-name", "!--mailname", "-D [ --mail-domain-disabled ]"],
-    "--remove-mailbox": ["!--domain-name", "!--mailname"],
-    "--get-mailbox-size": ["--in-blocks", "!--domain-name", "!--mailname"],
-    "--set-mailbox-disk-quota": ["!--domain-name", "!--mailname", "!--disk-quota"],
-    "--add-redirect": ["!--domain-name", "!--mailname", "!--redirect-email"],
-    "--remove-redirect": ["!--domain-name", "!--mailname", "!--redirect-email"],
-    "--set-domain-disk-quota": ["!--domain-name", "!--disk-quota"],
-}
-
-
-def test_option_sets(module_sandbox):
-    for command, want in OPTION_SETS.items():
-        r = module_sandbox.mailtend(command, "--help")
-        lines = r.out.split("Allowed options to ", 1)[1].splitlines()[1:-2]
-        got = [("!" if line.endswith("(mandatory)") else "")
-               + line.split(" arg")[0].strip().split("  ")[0] for line in lines]
-        assert (r.rc, got) == (0, want), r
-        # the last mandatory option missing is the one reported, before anything changes
-        last = [o for o in want if o.startswith("!")][-1][1:]
-        module_sandbox.mailtend(command).expect(
-            1, None, f'mandatory option "{last}" is not specified\n')
+@pytest.mark.parametrize("command,last", [
+    ("--add-mailbox", "--mailname"), ("--set-password", "--mailname"),
+    ("--remove-mailbox", "--mailname"), ("--get-mailbox-size", "--mailname"),
+    ("--set-mailbox-disk-quota", "--disk-quota"), ("--set-domain-disk-quota", "--disk-quota"),
+    ("--add-redirect", "--redirect-email"), ("--remove-redirect", "--redirect-email")])
+def test_last_missing_mandatory_option_reported_before_any_change(module_sandbox, command, last):
+    missing = f'mandatory option "{last}" is not specified\n'
+    module_sandbox.mailtend(command).expect(1, missing + EXPECTED[(command, "--help")], missing)

@@ -32,7 +32,7 @@ def marked_host_processes(marker):
 
 
 @pytest.mark.parametrize("mode", ["one-shot", "started"])
-def test_writes_stay_inside_and_the_file_view_sees_the_inside(sandbox, mode):
+def test_writes_stay_inside_and_the_file_view_sees_the_inside(sandbox, host_snapshot, mode):
     if mode == "started":
         sandbox.start()
     probe = uuid.uuid4().hex
@@ -49,6 +49,12 @@ def test_writes_stay_inside_and_the_file_view_sees_the_inside(sandbox, mode):
     assert inside == "600 popuser 5\n"
     with pytest.raises(PermissionError):
         sandbox.write("/root/probe", b"x")
+    # what the tests do most: tables, main.cf, accounts, init scripts
+    sandbox.run(["postmap", "-i", f"hash:{TABLE_DIR}/virtual"], stdin="a@b.c a@b.c\n").check()
+    sandbox.postconf_e("myorigin = changed.example")
+    sandbox.run(["useradd", "-M", "-N", "-u", "30999", "rigprobe"]).check()
+    sandbox.record_script("postfix", exit_code=0)
+    assert host_state.diff(host_snapshot, host_state.snapshot()) == []
 
 
 @pytest.mark.parametrize("mode", ["one-shot", "started"])
@@ -89,14 +95,3 @@ def test_nothing_outlives_its_sandbox(sandbox_base, mailtend_bin):
 def test_roots_the_overlays_would_swallow_are_refused(root):
     res = subprocess.run([str(SANDBOX_SCRIPT), "init", root], capture_output=True, text=True)
     assert res.returncode != 0 and "must not" in res.stderr and not os.path.exists(root), res
-
-
-@pytest.mark.run_last
-def test_host_unchanged_after_writes_inside(sandbox, host_snapshot):
-    sandbox.run(["postmap", "-i", f"hash:{TABLE_DIR}/virtual"], stdin="a@b.c a@b.c\n").check()
-    sandbox.run(["tee", "-a", "/etc/passwd"], stdin="intruder:x:0:0::/:/bin/sh\n").check()
-    sandbox.postconf_e("myorigin = changed.example")
-    sandbox.run(["useradd", "-M", "-N", "-u", "30999", "rigprobe"]).check()
-    sandbox.record_script("postfix", exit_code=0)
-    assert "intruder:" in sandbox.read_text("/etc/passwd")
-    assert host_state.diff(host_snapshot, host_state.snapshot()) == []

@@ -3,10 +3,11 @@ lookup table, and the size limits read from main.cf."""
 
 import pytest
 
+from conftest import EXPECTED
 from sandbox import MAIN_CF, TABLE_DIR
 
 BLACKLISTS = TABLE_DIR + "/blacklists"
-COMMANDS = {"--add-badmailfrom": "add a badmailfrom", "--remove-badmailfrom": "remove a badmailfrom"}
+COMMANDS = ["--add-badmailfrom", "--remove-badmailfrom"]
 
 
 @pytest.fixture
@@ -30,13 +31,9 @@ def test_black_list_round_trip(sb):
     assert not sb.exists(BLACKLISTS), "no text source may outlive a change"
 
 
-@pytest.mark.parametrize("command,description", COMMANDS.items())
-def test_black_list_options(sb, command, description):
-    want_help = (f"{description}\nUsage: {command} --domain-name=<domain>\n"
-                 f"Allowed options to {description}:\n"
-                 "  --domain-name arg     domain name (mandatory)\n"
-                 "  -h [ --help ]         displays this help message\n\n")
-    sb.mailtend(command, "--help").expect(0, want_help, "")
+@pytest.mark.parametrize("command", COMMANDS)
+def test_black_list_options(sb, command):
+    want_help = EXPECTED[(command, "--help")]
     missing = 'mandatory option "--domain-name" is not specified\n'
     sb.mailtend(command).expect(1, missing + want_help, missing)
     for args in (["--help", "--bogus"],                                    # parse error beats help

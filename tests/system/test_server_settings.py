@@ -74,23 +74,6 @@ def test_refused_changes_touch_nothing(postfix, args, error):
     assert postfix.calls("postfix") == [], "reloaded after a refused change"
 
 
-def test_help(module_sandbox):
-    for command, head in [
-        ("--add-whitelist", "add a network to whitelist\nUsage: --add-whitelist "
-         "--ip-address=<ip_address> --netmask=<netmask>\n"),
-        ("--remove-whitelist", "remove a network from whitelist\nUsage: --remove-whitelist "
-         "--ip-address=<ip_address> --netmask=<netmask>\n"),
-        ("--set-max-letter-size",
-         "set maximal letter size\nUsage: --set-max-letter-size --size=<size_in_bytes>\n"),
-        ("--set-accounts-format",
-         'set accounts format\nUsage: --set-accounts-format --account-format="compound"\n'),
-        ("--update-spf", "update SPF rules\nUsage: --update-spf [--spf-behavior=spf_behavior] "
-         "[--spf-rules=spf_rules] [--spf-guess=spf_guess] [--spf-exp=<spf_exp>]\n"),
-    ]:
-        r = module_sandbox.mailtend(command, "--help").expect(0, None, "")
-        assert r.out.startswith(head), r
-
-
 def test_accounts_format_restarts_courier(module_sandbox):
     sb = module_sandbox
     for name in ("imapd", "imapd-ssl", "pop3d", "pop3d-ssl"):
