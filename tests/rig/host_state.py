@@ -11,7 +11,7 @@ WATCHED = (
     "/etc/gshadow", "/etc/hosts", "/etc/aliases.db", "/var/lib/mysql", "/run/mysqld",
     "/run/courier", "/etc/init.d", "/var/log/postfix.log",
     # made by the tool or the rig inside; absent on the host
-    "/etc/zrn", "/etc/domainkeys", "/etc/zrn-spf", "/etc/courier-imap", "/etc/init.d-real",
+    "/etc/zrn", "/etc/domainkeys", "/etc/zrn-spf", "/etc/courier-imap", "/opt/rig-real",
     "/var/qmail", "/var/lib/zarnet", "/usr/local/zrn", "/usr/lib/zarnet-9.0",
 )
 

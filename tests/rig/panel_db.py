@@ -102,6 +102,12 @@ class PanelDB:
         except pymysql.err.OperationalError:
             return False
 
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
     def close(self):
         if self._conn is not None:
             try:

@@ -14,7 +14,6 @@ starts and change it in place afterwards, never by rename.
 import errno
 import os
 import shutil
-import stat as stat_mod
 import subprocess
 import time
 from pathlib import Path
@@ -29,15 +28,15 @@ AUTH_DB = TABLE_DIR + "/passwd.db"
 MAIN_CF = "/etc/postfix/main.cf"
 MAILNAMES = "/var/qmail/mailnames"
 POSTFIX_LOG = "/var/log/postfix.log"
-INIT_D = "/etc/init.d"
-REAL_INIT_D = "/etc/init.d-real"
+POSTFIX_INIT = "/etc/init.d/postfix"
+REAL = "/opt/rig-real"  # where recorded programs keep the originals
 POPUSER = 30110
-# Courier POP3/IMAP init scripts: (the port its server listens on, its pid file)
+# Courier's POP3/IMAP init scripts: (the port its server listens on, its pid file)
 COURIER = {
-    "courier-imap": (143, "/run/courier/imapd.pid"),
-    "courier-imap-ssl": (993, "/run/courier/imapd-ssl.pid"),
-    "courier-pop": (110, "/run/courier/pop3d.pid"),
-    "courier-pop-ssl": (995, "/run/courier/pop3d-ssl.pid"),
+    "/etc/init.d/courier-imap": (143, "/run/courier/imapd.pid"),
+    "/etc/init.d/courier-imap-ssl": (993, "/run/courier/imapd-ssl.pid"),
+    "/etc/init.d/courier-pop": (110, "/run/courier/pop3d.pid"),
+    "/etc/init.d/courier-pop-ssl": (995, "/run/courier/pop3d-ssl.pid"),
 }
 
 AUTHDAEMOND = "/usr/lib/courier/courier-authlib/authdaemond"
@@ -131,13 +130,7 @@ class Sandbox:
 
     def _script(self, *args, env=None, stdin=None, timeout=120, output=None):
         argv = [str(SANDBOX_SCRIPT), *map(str, args)]
-        run_env = dict(BASE_ENV)
-        for k, v in (env or {}).items():
-            if v is None:
-                run_env.pop(k, None)
-            else:
-                run_env[k] = str(v)
-        cp = subprocess.run(argv, env=run_env,
+        cp = subprocess.run(argv, env={**BASE_ENV, **(env or {})},
                             input=stdin.encode() if isinstance(stdin, str) else stdin,
                             stdin=subprocess.DEVNULL if stdin is None else None,
                             stdout=output or subprocess.PIPE, stderr=output or subprocess.PIPE,
@@ -170,9 +163,7 @@ class Sandbox:
         self._script("destroy", self.root).check()
 
     def run(self, argv, env=None, stdin=None, timeout=120):
-        """argv inside: env adds to (None removes from) a minimal root environment."""
-        if isinstance(argv, (str, bytes)):
-            raise TypeError("argv is a sequence of arguments, not a command line")
+        """argv inside, with env added to a minimal root environment."""
         res = self._script("exec" if self.started else "run", self.root, *argv, env=env,
                            stdin=stdin, timeout=timeout)
         res.argv = list(argv)
@@ -240,9 +231,6 @@ class Sandbox:
     def read_text(self, path):
         return self.read(path).decode("utf-8", "surrogateescape")
 
-    def readlink(self, path):
-        return os.readlink(self._host(path, follow=False))
-
     def listdir(self, path):
         return sorted(os.listdir(self._host(path)))
 
@@ -280,12 +268,10 @@ class Sandbox:
             self.makedirs("/" + "/".join(parts[:-1]))
         fd = os.open(self._host(path, write=True), os.O_WRONLY | os.O_CREAT | os.O_TRUNC
                      | os.O_NOFOLLOW, mode)
-        try:
-            os.write(fd, data.encode() if isinstance(data, str) else data)
+        with open(fd, "wb") as f:
+            f.write(data.encode() if isinstance(data, str) else data)
             os.fchown(fd, uid, gid)
             os.fchmod(fd, mode)
-        finally:
-            os.close(fd)
 
     def remove(self, path):
         """Removes a file or a whole directory tree."""
@@ -309,6 +295,20 @@ class Sandbox:
             found.append((int(entry), ppid, stat[stat.index("(") + 1:stat.rindex(")")]))
         return found
 
+    def make_home(self, domain, name):
+        """A fresh mailbox home of popuser's as the mailname commands leave it: Maildir,
+        @attachments and a .qmail that delivers nowhere; returns its path."""
+        home = f"{MAILNAMES}/{domain}/{name}"
+        if self.exists(home):
+            self.remove(home)
+        for sub in ("/Maildir/tmp", "/Maildir/new", "/Maildir/cur", "/@attachments"):
+            self.makedirs(home + sub, mode=0o700, uid=POPUSER, gid=POPUSER)
+        self.write(home + "/.qmail", "| true\n", mode=0o600, uid=POPUSER, gid=POPUSER)
+        return home
+
+    def courier_pids(self):
+        return {script: self.pidfile(pidfile) for script, (_, pidfile) in COURIER.items()}
+
     def pidfile(self, path):
         """The pid a pid file records, or None."""
         try:
@@ -324,14 +324,6 @@ class Sandbox:
                 ports.update(int(line.split()[1].rsplit(":", 1)[1], 16)
                              for line in list(f)[1:] if line.split()[3] == "0A")
         return ports
-
-    def account(self, name):
-        """(uid, gid) of an account in the sandbox's own passwd file."""
-        for line in self.read_text("/etc/passwd").splitlines():
-            fields = line.split(":")
-            if fields[0] == name:
-                return int(fields[2]), int(fields[3])
-        raise KeyError(name)
 
     # --- Postfix ----------------------------------------------------------------------------
 
@@ -365,27 +357,27 @@ class Sandbox:
         master = self.pidfile("/var/spool/postfix/pid/master.pid")
         return any(c == "qmgr" and pp == master for _, pp, c in self.processes())
 
-    def record_script(self, name, exit_code=None):
-        """Wraps /etc/init.d/NAME in a script that records each call (arguments, whole
-        environment) and then runs the real one, kept under the same name in REAL_INIT_D (the
-        scripts derive file names from theirs), or exits with exit_code instead."""
-        script, real = f"{INIT_D}/{name}", f"{REAL_INIT_D}/{name}"
-        if not self.exists(real):
-            self.write(real, self.read(script), mode=0o755)
+    def record(self, program, exit_code=None):
+        """Replaces program by a script that records each call (arguments, whole environment)
+        and then runs the original, moved below REAL under its own base name (init scripts
+        derive file names from theirs), or exits with exit_code instead."""
+        real, log = REAL + program, f"{_RECORDS}/{os.path.basename(program)}"
+        if exit_code is None and not self.exists(real):
+            self.write(real, self.read(program), mode=0o755)
         tail = f"exit {int(exit_code)}" if exit_code is not None else f'exec {real} "$@"'
-        self.write(script, "#!/bin/sh\n{ printf '%s\\n' \"$*\"; /usr/bin/tr '\\0' '\\n' < "
-                   f"/proc/$$/environ; printf '\\n%s\\n' '{_END}'; }} >> {_RECORDS}/{name}\n"
-                   f"{tail}\n", mode=0o755)
         self.makedirs(_RECORDS)
+        self.write(program, "#!/bin/sh\n{ printf '%s\\n' \"$*\"; /usr/bin/tr '\\0' '\\n' < "
+                   f"/proc/$$/environ; printf '\\n%s\\n' '{_END}'; }} >> {log}\n{tail}\n",
+                   mode=0o755)
 
-    def calls(self, name):
-        """The calls of a recorded script since the last look, as (arguments, environment)."""
-        path, found = f"{_RECORDS}/{name}", []
-        if self.exists(path):
-            for block in self.read_text(path).split(_END + "\n")[:-1]:
+    def calls(self, program):
+        """The calls of a recorded program since the last look, as (arguments, environment)."""
+        log, found = f"{_RECORDS}/{os.path.basename(program)}", []
+        if self.exists(log):
+            for block in self.read_text(log).split(_END + "\n")[:-1]:
                 lines = block.split("\n")
                 found.append((lines[0].split(" ") if lines[0] else [], [e for e in lines[1:] if e]))
-            self.remove(path)
+            self.remove(log)
         return found
 
     # --- Courier authentication and delivery ------------------------------------------------
@@ -426,6 +418,3 @@ class Sandbox:
         quota, 75 not delivered."""
         return self.run(["setpriv", "--reuid=popuser", "--regid=popuser", "--init-groups", "--",
                          "/usr/bin/deliverquota", maildir], stdin=message)
-
-    def __repr__(self):
-        return f"Sandbox({str(self.root)!r}, {'started' if self.started else 'stopped'})"

@@ -1,9 +1,6 @@
-"""Fixtures for the system tests: the real mailtend binary in throwaway sandboxes.
-
-Environment: MAILTEND_BIN (the binary under test; default build/mailtend of this checkout),
-MAILTEND_SANDBOX_BASE (directory for the sandbox roots; default a fresh temporary one),
-MAILTEND_KEEP_SANDBOX=1 (keep each sandbox root for inspection; its processes still end).
-"""
+"""The real mailtend binary in throwaway sandboxes. MAILTEND_BIN: the binary (build/mailtend);
+MAILTEND_SANDBOX_BASE: where sandbox roots go (a temporary directory); MAILTEND_KEEP_SANDBOX=1:
+keep the roots for inspection (their processes still end)."""
 
 import contextlib
 import os
@@ -21,7 +18,7 @@ import host_state  # noqa: E402
 from panel_db import PanelDB, build_template  # noqa: E402
 from sandbox import REPO, Sandbox  # noqa: E402
 
-_HOST_STATE = pytest.StashKey[dict]()
+HOST_STATE = pytest.StashKey[dict]()
 # exact standard output of the commands in expected_output.txt, each below its "$ mailtend" line
 _PARTS = re.split(r"^\$ mailtend (.*)\n", (Path(__file__).parent / "expected_output.txt")
                   .read_text(), flags=re.M)
@@ -30,20 +27,15 @@ KEEP = os.environ.get("MAILTEND_KEEP_SANDBOX", "") not in ("", "0")
 
 
 def pytest_sessionstart(session):
-    session.config.stash[_HOST_STATE] = host_state.snapshot()
+    session.config.stash[HOST_STATE] = host_state.snapshot()
 
 
 def pytest_sessionfinish(session, exitstatus):
-    changed = host_state.diff(session.config.stash[_HOST_STATE], host_state.snapshot())
+    changed = host_state.diff(session.config.stash[HOST_STATE], host_state.snapshot())
     if changed:
         print("\nthe host changed during the run:\n  " + "\n  ".join(changed[:50]),
               file=sys.stderr)
         session.exitstatus = pytest.ExitCode.TESTS_FAILED
-
-
-@pytest.fixture(scope="session")
-def host_snapshot(request):
-    return request.config.stash[_HOST_STATE]
 
 
 @pytest.fixture(scope="session")
@@ -109,17 +101,7 @@ def panel_template(sandbox_base):
     return build_template(sandbox_base / "panel-template")
 
 
-@contextlib.contextmanager
-def panel_in(sb, template):
-    """The panel database served inside the (then started) sandbox."""
-    db = PanelDB(sb, template).start()
-    try:
-        yield db
-    finally:
-        db.close()
-
-
 @pytest.fixture
 def panel_db(sandbox, panel_template):
-    with panel_in(sandbox, panel_template) as db:
+    with PanelDB(sandbox, panel_template).start() as db:
         yield db

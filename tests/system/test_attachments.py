@@ -1,4 +1,4 @@
-"""Attachment commands through the real binary on mailbox homes in the sandbox."""
+"""Attachment commands on mailbox homes in the sandbox."""
 
 import pytest
 
@@ -10,11 +10,10 @@ HOME = f"{MAILNAMES}/example.com"
 
 @pytest.fixture(scope="module")
 def homes(module_sandbox):
-    for path, data in (("info/@attachments/price list.pdf", "p" * 1000),
-                       ("info/@attachments/a.txt", "12345"), ("sales/@attachments/logo.png", "xyz")):
-        module_sandbox.makedirs(f"{HOME}/{path.split('/')[0]}/@attachments", mode=0o700,
-                                uid=POPUSER, gid=POPUSER)
-        module_sandbox.write(f"{HOME}/{path}", data, uid=POPUSER, gid=POPUSER)
+    homes = {name: module_sandbox.make_home("example.com", name) for name in ("info", "sales")}
+    for name, file, data in (("info", "price list.pdf", "p" * 1000), ("info", "a.txt", "12345"),
+                             ("sales", "logo.png", "xyz")):
+        module_sandbox.write(f"{homes[name]}/@attachments/{file}", data, uid=POPUSER, gid=POPUSER)
     return module_sandbox
 
 

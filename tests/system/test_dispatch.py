@@ -1,5 +1,4 @@
-"""The front end through the real binary: dispatch, help texts, exit statuses and the split
-between standard output and standard error."""
+"""Dispatch, help texts and the feature report: exact output, stream and exit status."""
 
 import pytest
 

@@ -1,5 +1,4 @@
-"""DomainKeys commands through the real binary: a key installed for every domain of a list, the
-uploaded key consumed only by a complete install, and removal."""
+"""DomainKeys keys for lists of domains; the upload is consumed only by a complete install."""
 
 import pytest
 

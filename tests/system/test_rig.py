@@ -10,29 +10,27 @@ from pathlib import Path
 import pytest
 
 import host_state
-from sandbox import SANDBOX_SCRIPT, TABLE_DIR, TOOL_PATH, Sandbox
+from conftest import HOST_STATE
+from sandbox import POSTFIX_INIT, SANDBOX_SCRIPT, TABLE_DIR, TOOL_PATH, Sandbox
 
 # (path inside, where ROOT keeps it): /var/run and /var/lock lead into the private /run
-PRIVATE_WRITES = [("/etc/passwd", "upper/etc/passwd"), ("/usr/share/p-{id}", "upper/usr/share/p-{id}"),
-                  ("/var/spool/postfix/zarnet/p", "upper/var/spool/postfix/zarnet/p"),
-                  ("/opt/p-{id}", "upper/opt/p-{id}"), ("/run/p-{id}", "run/p-{id}"),
-                  ("/var/run/p-{id}", "run/p-{id}"), ("/var/lock/p-{id}", "run/lock/p-{id}"),
-                  ("/tmp/p-{id}", "tmp/p-{id}")]
+PRIVATE_WRITES = [("/etc/passwd", "upper/etc/passwd"), ("/usr/lib/p{id}", "upper/usr/lib/p{id}"),
+                  ("/var/spool/p{id}", "upper/var/spool/p{id}"), ("/opt/p{id}", "upper/opt/p{id}"),
+                  ("/run/p{id}", "run/p{id}"), ("/var/run/p{id}", "run/p{id}"),
+                  ("/var/lock/p{id}", "run/lock/p{id}"), ("/tmp/p{id}", "tmp/p{id}")]
 
 
 def marked_host_processes(marker):
-    found = []
-    for pid in filter(str.isdigit, os.listdir("/proc")):
+    def environ(pid):
         try:
-            with open(f"/proc/{pid}/environ", "rb") as f:
-                found += [pid] if marker.encode() in f.read() else []
+            return Path(f"/proc/{pid}/environ").read_bytes()
         except OSError:
-            pass
-    return found
+            return b""
+    return [p for p in filter(str.isdigit, os.listdir("/proc")) if marker.encode() in environ(p)]
 
 
 @pytest.mark.parametrize("mode", ["one-shot", "started"])
-def test_writes_stay_inside_and_the_file_view_sees_the_inside(sandbox, host_snapshot, mode):
+def test_writes_stay_inside_and_the_file_view_sees_the_inside(request, sandbox, mode):
     if mode == "started":
         sandbox.start()
     probe = uuid.uuid4().hex
@@ -53,8 +51,8 @@ def test_writes_stay_inside_and_the_file_view_sees_the_inside(sandbox, host_snap
     sandbox.run(["postmap", "-i", f"hash:{TABLE_DIR}/virtual"], stdin="a@b.c a@b.c\n").check()
     sandbox.postconf_e("myorigin = changed.example")
     sandbox.run(["useradd", "-M", "-N", "-u", "30999", "rigprobe"]).check()
-    sandbox.record_script("postfix", exit_code=0)
-    assert host_state.diff(host_snapshot, host_state.snapshot()) == []
+    sandbox.record(POSTFIX_INIT, exit_code=0)
+    assert host_state.diff(request.config.stash[HOST_STATE], host_state.snapshot()) == []
 
 
 @pytest.mark.parametrize("mode", ["one-shot", "started"])

@@ -1,6 +1,4 @@
-"""Runs the unit-test suites named *Sandboxed inside a started sandbox: they need what only the
-rig has (the popuser account, the panel database on its socket with the administrator's password
-file, the system paths the tool writes)."""
+"""The *Sandboxed unit suites need the rig: popuser, the panel database, the tool's paths."""
 
 import os
 from pathlib import Path

@@ -1,5 +1,4 @@
-"""Server-wide option commands through the real binary: the sender-domain black list in its
-lookup table, and the size limits read from main.cf."""
+"""The sender-domain black list in its real lookup table; size limits read from main.cf."""
 
 import pytest
 
