@@ -1,15 +1,9 @@
-"""Python face of scripts/sandbox for the system tests and scripts/demo.
-
-A Sandbox is a throwaway root in which mailtend and the real Postfix, MariaDB and Courier
-programs run as root against private /etc, /usr, /var, /opt, /run and /tmp. Commands run
-one-shot while it is stopped and enter its namespaces once started, where daemons live on
-between commands. Files are read and written through the started sandbox's /proc/<pid>/root
-(the file view starts it), with symbolic links resolved against the sandbox's own root: the
-kernel would resolve an absolute link target there against the host's.
-
-authdaemond keeps passwd.db open once it has answered: create the file before the daemon
-starts and change it in place afterwards, never by rename.
-"""
+"""scripts/sandbox for the system tests and scripts/demo: mailtend and the real Postfix, MariaDB
+and Courier programs as root against private /etc, /usr, /var, /opt, /run and /tmp. Commands run
+one-shot while a sandbox is stopped and enter it once started, where daemons live on. Files are
+reached through the started sandbox's /proc/<pid>/root, links resolved against its own root (the
+kernel would resolve absolute targets there against the host's). authdaemond keeps passwd.db
+open: create it before the daemon starts, then change it in place, never by rename."""
 
 import errno
 import os

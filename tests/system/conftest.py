@@ -38,12 +38,17 @@ def pytest_sessionfinish(session, exitstatus):
         session.exitstatus = pytest.ExitCode.TESTS_FAILED
 
 
+def built(variable, name):
+    """A program under test: the path in the environment variable, else this checkout's build."""
+    path = Path(os.environ.get(variable) or REPO / "build" / name)
+    if not path.is_file():
+        pytest.fail(f"no {name} at {path} (set {variable})", pytrace=False)
+    return path
+
+
 @pytest.fixture(scope="session")
 def mailtend_bin():
-    path = Path(os.environ.get("MAILTEND_BIN") or REPO / "build" / "mailtend")
-    if not path.is_file():
-        pytest.fail(f"no mailtend binary at {path} (set MAILTEND_BIN)", pytrace=False)
-    return path
+    return built("MAILTEND_BIN", "mailtend")
 
 
 @pytest.fixture(scope="session")
@@ -54,7 +59,9 @@ def sandbox_base():
         os.makedirs(base, exist_ok=True)
     session_dir = Path(tempfile.mkdtemp(prefix="session.", dir=base))
     yield session_dir
-    if not KEEP:
+    if KEEP:
+        print(f"\nkept the sandboxes in {session_dir}")
+    else:
         shutil.rmtree(session_dir, ignore_errors=True)
 
 
@@ -76,11 +83,7 @@ def fresh_sandbox(request):
     try:
         yield sb
     finally:
-        if KEEP:
-            sb.stop(kill=True)
-            print(f"\nkept sandbox: {sb.root}")
-        else:
-            sb.destroy()
+        sb.stop(kill=True) if KEEP else sb.destroy()
 
 
 @pytest.fixture

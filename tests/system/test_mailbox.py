@@ -16,16 +16,12 @@ DOMAIN, ALIASES = "example.com", ("example.net", "example.org")
 INFO, DOMAIN_ONLY = ["--domain-name=example.com", "--mailname=info"], ["--domain-name=example.com"]
 DELIVERY = "| /usr/bin/deliverquota ./Maildir\n"
 SHADOW = "/etc/zrn/.zrn.shadow"
-
-
-def home(name, domain=DOMAIN):
-    return f"{MAILNAMES}/{domain}/{name}"
+HOME = f"{MAILNAMES}/{DOMAIN}"
 
 
 @pytest.fixture(scope="module")
 def mailhost(module_sandbox, panel_template):
-    """example.com with two domain aliases, its mailname info with the mail alias sales, and the
-    mailname boss with a quota of its own."""
+    """example.com with two aliases; its mailnames info (mail alias sales) and boss (a quota)."""
     sb = module_sandbox
     with PanelDB(sb, panel_template).start() as db:
         db.insert("Limits", id=1, limit_name="mbox_quota", value=7000)
@@ -64,8 +60,8 @@ def everywhere(*names):
 
 def test_password_life_cycle_in_domain_and_aliases(sb):
     sb.mailtend("--add-mailbox", *INFO, env={"ZRN_PASSWORD": "s3cret one"}).expect()
-    assert sb.read_text(home("info") + "/.qmail") == DELIVERY + "| true\n"
-    st = sb.stat(home("info") + "/.qmail")
+    assert sb.read_text(f"{HOME}/info/.qmail") == DELIVERY + "| true\n"
+    st = sb.stat(f"{HOME}/info/.qmail")
     assert (st.st_uid, st.st_gid, st.st_mode & 0o7777) == (POPUSER, POPUSER, 0o600)
     assert (logins(sb, ["info"], "s3cret one"), logins(sb, ["info"], "s3cret two")) == (
         everywhere("info"), set())
@@ -78,14 +74,14 @@ def test_password_life_cycle_in_domain_and_aliases(sb):
 
     # without a password: delivery only, for the mailname alone
     sb.mailtend("--add-mailbox", *INFO, env={"ZRN_PASSWORD": ""}).expect()
-    assert sb.read_text(home("info") + "/.qmail") == DELIVERY + "| true\n"
+    assert sb.read_text(f"{HOME}/info/.qmail") == DELIVERY + "| true\n"
     assert logins(sb, ["info", "sales"], "s3cret two") == everywhere("sales")
 
     sb.mailtend("--set-password", *INFO, env={"ZRN_PASSWORD": "s3cret three"}).expect()
     assert logins(sb, ["info", "sales"], "s3cret three") == everywhere("info", "sales")
     sb.mailtend("--remove-mailbox", *INFO).expect()
     assert logins(sb, ["info", "sales"], "s3cret three") == set()
-    assert sb.read_text(home("info") + "/.qmail") == "| true\n"
+    assert sb.read_text(f"{HOME}/info/.qmail") == "| true\n"
 
 
 def test_plain_password_wins_and_disabled_domain_refused(sb):
@@ -100,9 +96,9 @@ def test_plain_password_wins_and_disabled_domain_refused(sb):
 
 
 def test_quotas_enforced_by_the_delivery_program(sb):
-    maildir, message = home("info") + "/Maildir", "Subject: quota\n\n" + "x" * 583 + "\n"
+    maildir, message = f"{HOME}/info/Maildir", "Subject: quota\n\n" + "x" * 583 + "\n"
     # the attachments (here: their empty directory) are paid from the quota
-    attachments = sb.stat(home("info") + "/@attachments").st_size
+    attachments = sb.stat(f"{HOME}/info/@attachments").st_size
     sb.mailtend("--set-mailbox-disk-quota", *INFO, f"--disk-quota={attachments + 1000}").expect()
     assert sb.read_text(maildir + "/maildirsize") == "1000S,0C\n" + "%12d%12d\n" % (0, 0)
     st = sb.stat(maildir + "/maildirsize")
@@ -120,7 +116,7 @@ def test_quotas_enforced_by_the_delivery_program(sb):
     sb.mailtend("--set-mailbox-disk-quota", *DOMAIN_ONLY, "--mailname=boss",
                 "--disk-quota=50000").expect()
     sb.mailtend("--set-domain-disk-quota", *DOMAIN_ONLY, "--disk-quota=20000").expect()
-    assert [sb.read_text(home(n) + "/Maildir/maildirsize").split("\n")[0] for n in ("info", "boss")
+    assert [sb.read_text(f"{HOME}/{n}/Maildir/maildirsize").split("\n")[0] for n in ("info", "boss")
             ] == [f"{20000 - attachments}S,0C", f"{50000 - attachments}S,0C"]
     # smaller than the attachments: delivery quota 0, with a warning
     warning = "WARNING: @attachments directory is big enough to disable delivery!\n"
@@ -131,10 +127,9 @@ def test_quotas_enforced_by_the_delivery_program(sb):
 def test_redirects_in_delivery_file(sb):
     for email in ("a@x.example", "b@b\u00fccher.example", "a@x.example"):
         sb.mailtend("--add-redirect", *INFO, f"--redirect-email={email}").expect()
-    assert sb.read_text(home("info") + "/.qmail") == \
-        "&a@x.example\n&b@xn--bcher-kva.example\n| true\n"
+    assert sb.read_text(f"{HOME}/info/.qmail") == "&a@x.example\n&b@xn--bcher-kva.example\n| true\n"
     sb.mailtend("--remove-redirect", *INFO, "--redirect-email=a@x.example").expect()
-    assert sb.read_text(home("info") + "/.qmail") == "&b@xn--bcher-kva.example\n| true\n"
+    assert sb.read_text(f"{HOME}/info/.qmail") == "&b@xn--bcher-kva.example\n| true\n"
 
 
 BAD = "Fatal error: std::invalid_argument("
@@ -164,7 +159,7 @@ def test_failures_change_nothing(sb, fault, broken, commands, message):
         r = sb.mailtend(args[0], *DOMAIN_ONLY, *args[1:], env={"ZRN_PASSWORD": "x"})
         assert r.rc == 1 and r.out == r.err and r.err.startswith(message), r
         assert r.err.count("\n") == 1, r
-    assert sb.read_text(home("info") + "/.qmail") == "| true\n"
+    assert sb.read_text(f"{HOME}/info/.qmail") == "| true\n"
     assert sb.sqlite("SELECT count(*) FROM users; SELECT count(*) FROM domains;").out == "0\n0\n"
 
 

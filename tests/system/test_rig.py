@@ -1,5 +1,6 @@
 """The rig's own faults that would let the other tests pass wrongly or harm the host."""
 
+import contextlib
 import os
 import signal
 import subprocess
@@ -21,12 +22,12 @@ PRIVATE_WRITES = [("/etc/passwd", "upper/etc/passwd"), ("/usr/lib/p{id}", "upper
 
 
 def marked_host_processes(marker):
-    def environ(pid):
-        try:
-            return Path(f"/proc/{pid}/environ").read_bytes()
-        except OSError:
-            return b""
-    return [p for p in filter(str.isdigit, os.listdir("/proc")) if marker.encode() in environ(p)]
+    found = []
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        with contextlib.suppress(OSError):
+            if marker.encode() in Path(f"/proc/{pid}/environ").read_bytes():
+                found.append(pid)
+    return found
 
 
 @pytest.mark.parametrize("mode", ["one-shot", "started"])

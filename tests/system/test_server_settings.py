@@ -52,8 +52,8 @@ def test_changes_reload_postfix(postfix):
         assert sb.postconf_h(parameter) == want, (command, args)
         assert [c[0] for c in sb.calls(POSTFIX_INIT)] == [["reload"]], (command, args)
         # a reload replaces the queue manager: it is briefly absent
-        assert wait_for(lambda: sb.postfix_running() == sb.running), "server state changed"
-        assert wait_for(lambda: master_reloads(sb) == reloads + sb.running), "no reload"
+        assert wait_for(lambda: sb.postfix_running() == sb.running, 30), "server state changed"
+        assert wait_for(lambda: master_reloads(sb) >= reloads + sb.running, 30), "not reloaded"
 
 
 @pytest.mark.parametrize("args,error,then", [
@@ -72,9 +72,10 @@ def test_refused_changes_touch_nothing(postfix, args, error, then):
 
 
 def test_accounts_format_restarts_courier(module_sandbox):
-    sb = module_sandbox
-    for name in ("imapd", "imapd-ssl", "pop3d", "pop3d-ssl"):
-        sb.write(f"/etc/courier/{name}", sb.read_text(f"/etc/courier/{name}") + "SHORTNAMES=1\n")
+    sb, configs = module_sandbox, [f"/etc/courier/{n}" for n in ("imapd", "imapd-ssl", "pop3d",
+                                                                 "pop3d-ssl")]
+    for path in configs:
+        sb.write(path, sb.read_text(path) + "SHORTNAMES=1\n")
     for name in COURIER:
         sb.record(name)
         sb.run([REAL + name, "start"]).check()
@@ -86,10 +87,9 @@ def test_accounts_format_restarts_courier(module_sandbox):
     assert all(sb.calls(name) == [] for name in COURIER)
 
     assert sb.mailtend("--set-accounts-format", "--account-format=compound").rc == 0
-    for name in ("imapd", "imapd-ssl", "pop3d", "pop3d-ssl"):
-        assert "SHORTNAMES=" not in sb.read_text(f"/etc/courier/{name}"), name
-    for name in COURIER:
-        assert sb.calls(name) == [(["stop"], ["LANG=C"]), (["start"], ["LANG=C"])], name
+    assert not any("SHORTNAMES=" in sb.read_text(path) for path in configs)
+    assert all(sb.calls(name) == [(["stop"], ["LANG=C"]), (["start"], ["LANG=C"])]
+               for name in COURIER)
     ports = {port for port, _ in COURIER.values()}
     assert wait_for(lambda: sb.listening_ports() >= ports), sb.listening_ports()
     after = sb.courier_pids()
