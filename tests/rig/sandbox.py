@@ -376,11 +376,8 @@ class Sandbox:
 
     # --- Courier authentication and delivery ------------------------------------------------
 
-    def install_dbinit(self, binary=None):
-        """The authentication database installer (MAILTEND_DBINIT_BIN, else this checkout's
-        build) at its install path."""
-        binary = Path(binary or os.environ.get("MAILTEND_DBINIT_BIN")
-                      or REPO / "build" / "mailauth-dbinit")
+    def install_dbinit(self, binary):
+        """The authentication database installer at its install path."""
         self.install(binary, DBINIT_PATH)
 
     def init_auth_db(self):

@@ -69,7 +69,7 @@ def sandbox_base():
 def sandbox_template(sandbox_base, mailtend_bin):
     """Initialised, with the programs under test installed; stopped, as clones need it."""
     sb = Sandbox.create(sandbox_base / "template", mailtend_bin)
-    sb.install_dbinit()
+    sb.install_dbinit(built("MAILTEND_DBINIT_BIN", "mailauth-dbinit"))
     sb.stop()
     return sb
 

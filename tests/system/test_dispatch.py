@@ -13,6 +13,7 @@ CASES = [
     ([], 1, "", "Error: no command specified\n" + USAGE),
     *(([w, "--domain-name=x", "--help"], 1, "", f"Error: invalid command {w}\n" + USAGE)
       for w in INVALID),
+    (["-h", "ignored", "--arguments"], 0, USAGE, ""),
     (["--help", "ignored", "--arguments"], 0, USAGE, ""),
     # the report takes no options, so nothing after it can make it fail
     (["--features", "--whatever", "x"], 0, EXPECTED[("--features",)], ""),

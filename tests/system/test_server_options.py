@@ -11,7 +11,6 @@ COMMANDS = ["--add-badmailfrom", "--remove-badmailfrom"]
 
 @pytest.fixture
 def sb(module_sandbox):
-    """The black list empty, as a fresh sandbox has it."""
     if not hasattr(module_sandbox, "empty_blacklists"):
         module_sandbox.empty_blacklists = module_sandbox.read(BLACKLISTS + ".db")
     module_sandbox.write(BLACKLISTS + ".db", module_sandbox.empty_blacklists)

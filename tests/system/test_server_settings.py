@@ -24,7 +24,6 @@ STEPS = [
 
 @pytest.fixture(scope="module", params=["running", "stopped"])
 def postfix(request):
-    """Postfix running or not, its init script recording calls."""
     with fresh_sandbox(request) as sb:
         sb.postconf_e(f"mynetworks = {LOOPBACK}", "mailbox_size_limit = 51200000",
                       "message_size_limit = 10240000")
