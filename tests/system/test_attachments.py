@@ -1,77 +1,55 @@
-"""Attachment commands through the real binary on mailbox homes in the sandbox."""
+"""Attachment commands on mailbox homes in the sandbox."""
 
 import pytest
 
-POPUSER = 30110
-MAILNAMES = "/var/qmail/mailnames"
-DOMAIN = "example.com"
+from conftest import EXPECTED
+from sandbox import MAILNAMES, POPUSER
+
+HOME = f"{MAILNAMES}/example.com"
 
 
-def attachments(name):
-    return f"{MAILNAMES}/{DOMAIN}/{name}/@attachments"
-
-
-@pytest.fixture
-def homes(sandbox):
-    for name in ("info", "sales"):
-        sandbox.makedirs(attachments(name), mode=0o700, uid=POPUSER, gid=POPUSER)
-    sandbox.write(attachments("info") + "/price list.pdf", b"p" * 1000, uid=POPUSER, gid=POPUSER)
-    sandbox.write(attachments("info") + "/a.txt", "12345", uid=POPUSER, gid=POPUSER)
-    sandbox.write(attachments("sales") + "/logo.png", "xyz", uid=POPUSER, gid=POPUSER)
-    return sandbox
-
-
-def blocks(sb, path):
-    return sb.stat(path).st_blocks * 512
+@pytest.fixture(scope="module")
+def homes(module_sandbox):
+    homes = {name: module_sandbox.make_home("example.com", name) for name in ("info", "sales")}
+    for name, file, data in (("info", "price list.pdf", "p" * 1000), ("info", "a.txt", "12345"),
+                             ("sales", "logo.png", "xyz")):
+        module_sandbox.write(f"{homes[name]}/@attachments/{file}", data, uid=POPUSER, gid=POPUSER)
+    return module_sandbox
 
 
 def test_listings(homes):
-    sb = homes
-    info = attachments("info")
-    cases = [
-        (["--mailname=info"], f"a.txt\t5\nprice list.pdf\t1000\n"),
+    blocks = {n: homes.stat(f"{HOME}/info/@attachments/{n}").st_blocks * 512
+              for n in ("a.txt", "price list.pdf")}
+    for args, want in [
+        (["--mailname=info"], "a.txt\t5\nprice list.pdf\t1000\n"),
         (["--in-blocks", "--mailname=info"],
-         f"a.txt\t{blocks(sb, info + '/a.txt')}\n"
-         f"price list.pdf\t{blocks(sb, info + '/price list.pdf')}\n"),
-        (["--fullname", "--mailname=sales"], f"{attachments('sales')}/logo.png\t3\n"),
+         f"a.txt\t{blocks['a.txt']}\nprice list.pdf\t{blocks['price list.pdf']}\n"),
+        (["--fullname", "--mailname=sales"], f"{HOME}/sales/@attachments/logo.png\t3\n"),
         (["--mail-all"], "a.txt\t5\nprice list.pdf\t1000\nlogo.png\t3\n"),
-    ]
-    for args, want in cases:
-        r = sb.mailtend("--list-attachments", "--domain-name=Example.COM", *args)
-        assert (r.rc, r.out, r.err) == (0, want, ""), r
+    ]:
+        homes.mailtend("--list-attachments", "--domain-name=Example.COM", *args).expect(0, want)
 
 
 @pytest.mark.parametrize("args,message", [
-    (["--mailname=info", "--mail-all"], "you should not use --mailname and --mail-all together"),
-    ([], "neither --mailname nor --mail-all are specified"),
+    (["--mailname=info", "--mail-all"], "you should not use --mailname and --mail-all together\n"),
+    ([], "neither --mailname nor --mail-all are specified\n"),
 ])
 def test_listing_option_combinations(homes, args, message):
-    r = homes.mailtend("--list-attachments", f"--domain-name={DOMAIN}", *args)
-    assert (r.rc, r.err) == (1, message + "\n"), r
-    usage = ("--list-attachments [--in-blocks] [--fullname] --domain-name=<domain_name> "
-             "(--mailname=<mail_name>|--mail-all)")
-    assert r.out.startswith(f"{message}\nlist attachments\nUsage: {usage}\n"), r
-    assert "\t" not in r.out, "something was listed"
+    homes.mailtend("--list-attachments", "--domain-name=example.com", *args).expect(
+        1, message + EXPECTED[("--list-attachments", "--help")], message)
 
 
 def test_add_and_remove(homes):
-    sb = homes
-    sb.write("/tmp/upload", "new attachment", mode=0o600)
-    common = [f"--domain-name={DOMAIN}", "--mailname=sales"]
-    r = sb.mailtend("--add-attachment", *common, "--file-name=/tmp/upload",
-                    "--attachment-file-name=terms.txt")
-    assert (r.rc, r.out, r.err) == (0, "", ""), r
-    target = attachments("sales") + "/terms.txt"
-    assert sb.read_text(target) == "new attachment"
-    assert sb.stat(target).st_mode & 0o7777 == 0o644
+    homes.write("/tmp/upload", "new attachment", mode=0o600)
+    common = ["--domain-name=example.com", "--mailname=sales", "--attachment-file-name=terms.txt"]
+    homes.mailtend("--add-attachment", *common, "--file-name=/tmp/upload").expect()
+    target = f"{HOME}/sales/@attachments/terms.txt"
+    assert homes.read_text(target) == "new attachment"
+    assert homes.stat(target).st_mode & 0o7777 == 0o644
 
-    r = sb.mailtend("--remove-attachment", *common, "--attachment-file-name=terms.txt")
-    assert (r.rc, r.out, r.err) == (0, "", ""), r
-    assert not sb.exists(target)
-    r = sb.mailtend("--remove-attachment", *common, "--attachment-file-name=terms.txt")
+    homes.mailtend("--remove-attachment", *common).expect()
+    assert not homes.exists(target)
     message = f"Unable to delete the attachment file {target}: No such file or directory\n"
-    assert (r.rc, r.out, r.err) == (1, message, message), r
-
-    r = sb.mailtend("--remove-attachment", f"--domain-name={DOMAIN}",
-                    "--attachment-file-name=terms.txt")
-    assert r.rc == 1 and r.err == 'mandatory option "--mailname" is not specified\n', r
+    homes.mailtend("--remove-attachment", *common).expect(1, message, message)
+    homes.mailtend("--remove-attachment", *common[::2]).expect(
+        1, None, 'mandatory option "--mailname" is not specified\n')

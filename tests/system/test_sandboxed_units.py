@@ -1,32 +1,14 @@
-"""Runs the unit-test suites named *Sandboxed inside a started sandbox.
-
-Those suites need what only the rig has: the popuser account, the panel database served on
-its socket with the administrator's password file, and the system paths the tool writes.
-"""
-
-import os
-from pathlib import Path
+"""The *Sandboxed unit suites need the rig: popuser, the panel database, the tool's paths."""
 
 import pytest
 
-from sandbox import REPO
+from conftest import built
+
+INSIDE = "/opt/mailtend-tests/unit_tests"  # the host's /tmp, where a checkout may be, is hidden
 
 
-@pytest.fixture(scope="module")
-def unit_tests_bin():
-    path = Path(os.environ.get("MAILTEND_UNIT_TESTS_BIN") or REPO / "build" / "unit_tests")
-    if not path.is_file():
-        pytest.fail(f"no unit test binary at {path} (set MAILTEND_UNIT_TESTS_BIN)",
-                    pytrace=False)
-    return path
-
-
-# Inside, the host's /tmp (where a checkout may live) is not visible: run a copy.
-INSIDE = "/opt/mailtend-tests/unit_tests"
-
-
-def test_sandboxed_unit_suites(sandbox, panel_db, unit_tests_bin):
-    sandbox.install(unit_tests_bin, INSIDE)
+def test_sandboxed_unit_suites(sandbox, panel_db):
+    sandbox.install(built("MAILTEND_UNIT_TESTS_BIN", "unit_tests"), INSIDE)
     listing = sandbox.run([INSIDE, "--gtest_list_tests", "--gtest_filter=*Sandboxed.*"]).check()
     if "Sandboxed." not in listing.out:
         pytest.skip("no sandboxed unit suites")

@@ -1,152 +1,106 @@
-"""Server-wide settings through the real binary: the relay white list and the letter size in
-the real main.cf, each followed by a reload of the real Postfix, running or stopped; the
-POP3/IMAP account format with the restart of the real Courier servers; the SPF settings."""
+"""main.cf settings with the real Postfix reloaded; Courier account format; SPF settings."""
 
 import pytest
 
-import services
-from sandbox import MAIN_CF
-from services import record_script, wait_for
+from conftest import EXPECTED, fresh_sandbox
+from sandbox import COURIER, MAIN_CF, POSTFIX_INIT, POSTFIX_LOG, REAL, wait_for
 
 LOOPBACK = "127.0.0.0/8"
+V4, V6 = f"{LOOPBACK}, 192.0.2.0/24", f"{LOOPBACK}, [2001:db8::]/32"
+BOTH = f"{LOOPBACK}, 192.0.2.0/24, [2001:db8::]/32"
+# command, option values, the setting afterwards with Postfix running and (a few) stopped
+STEPS = [
+    ("--add-whitelist", "192.0.2.0", "24", "mynetworks", V4, V4),
+    ("--add-whitelist", "2001:db8::", "32", "mynetworks", BOTH, None),
+    ("--add-whitelist", "192.0.2.0", "24", "mynetworks", BOTH, None),
+    ("--remove-whitelist", "127.0.0.0", "8", "mynetworks", BOTH, None),
+    ("--remove-whitelist", "192.0.2.0", "24", "mynetworks", V6, LOOPBACK),
+    ("--remove-whitelist", "2001:db8::", "32", "mynetworks", LOOPBACK, None),
+    ("--remove-whitelist", "127.0.0.1", "32", "mynetworks", LOOPBACK, None),
+    ("--set-max-letter-size", "20480000", None, "message_size_limit", "20480000", "20480000"),
+    ("--set-max-letter-size", "0", None, "message_size_limit", "51200000", None),
+]
 
 
-def help_head(r):
-    return r.out.split("\n")[:2]
+@pytest.fixture(scope="module", params=["running", "stopped"])
+def postfix(request):
+    with fresh_sandbox(request) as sb:
+        sb.postconf_e(f"mynetworks = {LOOPBACK}", "mailbox_size_limit = 51200000",
+                      "message_size_limit = 10240000")
+        sb.running = request.param == "running"
+        if sb.running:
+            sb.start_postfix()
+        sb.record(POSTFIX_INIT)
+        yield sb
 
 
-@pytest.fixture(params=["running", "stopped"])
-def postfix(request, sandbox):
-    """The sandbox started, Postfix running or not, and its init script recording calls."""
-    sandbox.start()
-    sandbox.postconf_e(f"mynetworks = {LOOPBACK}", "mailbox_size_limit = 51200000",
-                       "message_size_limit = 10240000")
-    if request.param == "running":
-        sandbox.start_postfix()
-    sandbox.running = request.param == "running"
-    sandbox.script = record_script(sandbox, services.POSTFIX)
-    return sandbox
+def master_reloads(sb):
+    return sb.read_text(POSTFIX_LOG).count(": reload -- ") if sb.running else 0
 
 
-def reloaded(sb):
-    """The server reloaded once since the recorder was cleared, and is as it was before."""
-    assert sb.script.actions() == ["reload"], sb.script.calls()
-    # a reload replaces the queue manager: it is briefly absent
-    assert wait_for(lambda: sb.postfix_running() == sb.running), "server state changed"
-    if sb.running:
-        assert wait_for(lambda: "reload" in sb.read_text(services.POSTFIX_LOG)), \
-            "the running server did not reload"
-    sb.script.clear()
-    return True
-
-
-def test_white_list(postfix):
+def test_changes_reload_postfix(postfix):
     sb = postfix
-    steps = [
-        ("--add-whitelist", "192.0.2.0", "24", f"{LOOPBACK}, 192.0.2.0/24"),
-        ("--add-whitelist", "2001:db8::", "32", f"{LOOPBACK}, 192.0.2.0/24, [2001:db8::]/32"),
-        ("--add-whitelist", "192.0.2.0", "24", f"{LOOPBACK}, 192.0.2.0/24, [2001:db8::]/32"),
-        ("--remove-whitelist", "127.0.0.0", "8", f"{LOOPBACK}, 192.0.2.0/24, [2001:db8::]/32"),
-        ("--remove-whitelist", "192.0.2.0", "24", f"{LOOPBACK}, [2001:db8::]/32"),
-        ("--remove-whitelist", "2001:db8::", "32", LOOPBACK),
-        ("--remove-whitelist", "127.0.0.1", "32", LOOPBACK),
-    ]
-    for command, address, mask, want in steps:
-        r = sb.mailtend(command, f"--ip-address={address}", f"--netmask={mask}")
-        assert r.rc == 0, r
+    for command, value, mask, parameter, running, stopped in STEPS:
+        want = running if sb.running else stopped
+        if want is None:
+            continue
+        reloads = master_reloads(sb)
+        args = [f"--ip-address={value}", f"--netmask={mask}"] if mask else [f"--size={value}"]
+        assert sb.mailtend(command, *args).rc == 0, (command, args)
         sb.backdate_main_cf()
-        assert sb.postconf_h("mynetworks") == want, (command, address, mask)
-        assert reloaded(sb)
+        assert sb.postconf_h(parameter) == want, (command, args)
+        assert [c[0] for c in sb.calls(POSTFIX_INIT)] == [["reload"]], (command, args)
+        # a reload replaces the queue manager: it is briefly absent
+        assert wait_for(lambda: sb.postfix_running() == sb.running, 30), "server state changed"
+        assert wait_for(lambda: master_reloads(sb) >= reloads + sb.running, 30), "not reloaded"
 
 
-def test_letter_size(postfix):
-    sb = postfix
-    for size, want in (("20480000", "20480000"), ("0", "51200000")):
-        r = sb.mailtend("--set-max-letter-size", f"--size={size}")
-        assert r.rc == 0, r
-        sb.backdate_main_cf()
-        assert sb.postconf_h("message_size_limit") == want, size
-        assert reloaded(sb)
-
-
-@pytest.mark.parametrize("args,error", [
+@pytest.mark.parametrize("args,error,then", [
     (["--add-whitelist", "--ip-address=10.0.0.0, 0.0.0.0", "--netmask=8"],
-     "Fatal error: std::invalid_argument(invalid IP address '10.0.0.0, 0.0.0.0')\n"),
+     "Fatal error: std::invalid_argument(invalid IP address '10.0.0.0, 0.0.0.0')\n", ""),
     (["--add-whitelist", "--ip-address=10.0.0.0", "--netmask=33"],
-     "Fatal error: std::invalid_argument(netmask 33 is too long for the address '10.0.0.0')\n"),
-    (["--set-max-letter-size", "--size=lots"],
-     "the argument ('lots') for option '--size' is invalid\n"),
-])
-def test_refused_changes_touch_nothing(sandbox, args, error):
-    sandbox.start()
-    sandbox.postconf_e(f"mynetworks = {LOOPBACK}")
-    script = record_script(sandbox, services.POSTFIX)
-    before = sandbox.read(MAIN_CF)
-    r = sandbox.mailtend(*args)
-    assert (r.rc, r.err) == (1, error), r
-    assert r.out.startswith(error), r
-    assert sandbox.read(MAIN_CF) == before
-    assert script.calls() == [], "reloaded after a refused change"
+     "Fatal error: std::invalid_argument(netmask 33 is too long for the address '10.0.0.0')\n", ""),
+    (["--set-max-letter-size", "--size=lots"], "the argument ('lots') for option '--size' is "
+     "invalid\n", EXPECTED[("--set-max-letter-size", "--help")]),
+], ids=["list as an address", "netmask too long", "size not a number"])
+def test_refused_changes_touch_nothing(postfix, args, error, then):
+    before = postfix.read(MAIN_CF)
+    postfix.mailtend(*args).expect(1, error + then, error)
+    assert postfix.read(MAIN_CF) == before
+    assert postfix.calls(POSTFIX_INIT) == [], "reloaded after a refused change"
 
 
-@pytest.mark.parametrize("command,head", [
-    ("--add-whitelist", ["add a network to whitelist",
-                         "Usage: --add-whitelist --ip-address=<ip_address> --netmask=<netmask>"]),
-    ("--remove-whitelist",
-     ["remove a network from whitelist",
-      "Usage: --remove-whitelist --ip-address=<ip_address> --netmask=<netmask>"]),
-    ("--set-max-letter-size", ["set maximal letter size",
-                               "Usage: --set-max-letter-size --size=<size_in_bytes>"]),
-    ("--set-accounts-format", ["set accounts format",
-                               'Usage: --set-accounts-format --account-format="compound"']),
-    ("--update-spf", ["update SPF rules",
-                      "Usage: --update-spf [--spf-behavior=spf_behavior] [--spf-rules=spf_rules] "
-                      "[--spf-guess=spf_guess] [--spf-exp=<spf_exp>]"]),
-])
-def test_help(sandbox, command, head):
-    r = sandbox.mailtend(command, "--help")
-    assert (r.rc, r.err, help_head(r)) == (0, "", head), r
+def test_accounts_format_restarts_courier(module_sandbox):
+    sb, configs = module_sandbox, [f"/etc/courier/{n}" for n in ("imapd", "imapd-ssl", "pop3d",
+                                                                 "pop3d-ssl")]
+    for path in configs:
+        sb.write(path, sb.read_text(path) + "SHORTNAMES=1\n")
+    for name in COURIER:
+        sb.record(name)
+        sb.run([REAL + name, "start"]).check()
+    before = sb.courier_pids()
 
+    sb.mailtend("--set-accounts-format", "--account-format=both").expect(1, None, (
+        "Fatal error: zarnet::NotSupportedError(short account-format is not supported for "
+        "Postfix isn't supported)\n"))
+    assert all(sb.calls(name) == [] for name in COURIER)
 
-COURIER_FILES = ("imapd", "imapd-ssl", "pop3d", "pop3d-ssl")
-
-
-def test_accounts_format_restarts_courier(sandbox):
-    sb = sandbox
-    sb.start()
-    for name in COURIER_FILES:
-        sb.write(f"/etc/courier/{name}", sb.read_text(f"/etc/courier/{name}") + "SHORTNAMES=1\n")
-    recorders = [record_script(sb, name) for name in services.COURIER_SCRIPTS]
-    for name in services.COURIER_SCRIPTS:
-        sb.run([services.real_script(name), "start"]).check()
-    before = {name: services.courier_pid(sb, name) for name in services.COURIER_SCRIPTS}
-
-    r = sb.mailtend("--set-accounts-format", "--account-format=both")
-    assert r.rc == 1, r
-    assert r.err == ("Fatal error: zarnet::NotSupportedError(short account-format is not "
-                     "supported for Postfix isn't supported)\n"), r
-    assert all(rec.calls() == [] for rec in recorders)
-
-    r = sb.mailtend("--set-accounts-format", "--account-format=compound")
-    assert r.rc == 0, r
-    for name in COURIER_FILES:
-        assert "SHORTNAMES=" not in sb.read_text(f"/etc/courier/{name}"), name
-    for rec in recorders:
-        assert rec.calls() == [(["stop"], ["LANG=C"]), (["start"], ["LANG=C"])], rec.name
-    ports = set(services.COURIER_SCRIPTS.values())
-    assert wait_for(lambda: services.listening_ports(sb) >= ports), services.listening_ports(sb)
-    after = {name: services.courier_pid(sb, name) for name in services.COURIER_SCRIPTS}
+    assert sb.mailtend("--set-accounts-format", "--account-format=compound").rc == 0
+    assert not any("SHORTNAMES=" in sb.read_text(path) for path in configs)
+    assert all(sb.calls(name) == [(["stop"], ["LANG=C"]), (["start"], ["LANG=C"])]
+               for name in COURIER)
+    ports = {port for port, _ in COURIER.values()}
+    assert wait_for(lambda: sb.listening_ports() >= ports), sb.listening_ports()
+    after = sb.courier_pids()
     assert all(after[n] not in (None, before[n]) for n in before), (before, after)
 
 
-def test_update_spf(sandbox):
-    sb = sandbox
+def test_update_spf(module_sandbox):
+    sb = module_sandbox
     files = {"spf-behavior": "/etc/zrn-spf/spfbehavior", "spf-rules": "/etc/zrn-spf/spfrules",
              "spf-guess": "/etc/zrn-spf/spfguess", "spf-exp": "/etc/zrn-spf/spfexp"}
     for path in files.values():
         sb.write(path, "old")
-    r = sb.mailtend("--update-spf", "--spf-behavior=3", "--spf-rules=-", "--spf-exp=a - b")
-    assert (r.rc, r.out, r.err) == (0, "", ""), r
-    got = {option: sb.read_text(path) for option, path in files.items()}
-    assert got == {"spf-behavior": "3", "spf-rules": "", "spf-guess": "old",
-                   "spf-exp": "a - b"}
+    sb.mailtend("--update-spf", "--spf-behavior=3", "--spf-rules=-", "--spf-exp=a - b").expect()
+    assert {option: sb.read_text(path) for option, path in files.items()} == {
+        "spf-behavior": "3", "spf-rules": "", "spf-guess": "old", "spf-exp": "a - b"}

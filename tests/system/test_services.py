@@ -1,113 +1,83 @@
-"""The one-word service commands through the real binary: the real Postfix started, stopped
-and watched through its init script, and the real Courier POP3/IMAP init scripts."""
+"""The service commands on the real Postfix and Courier POP3/IMAP servers and their init scripts."""
 
-import pytest
+from sandbox import COURIER, POSTFIX_INIT, REAL, wait_for
 
-import services
-from services import COURIER_SCRIPTS, listening_ports, record_script, wait_for
-
-ALL_COURIER_PORTS = set(COURIER_SCRIPTS.values())
+PORTS = {port for port, _ in COURIER.values()}
+ALONE = ["LANG=C"]  # the scripts run with nothing else in their environment
 
 
 def courier_ports(sb):
-    return listening_ports(sb) & ALL_COURIER_PORTS
+    return sb.listening_ports() & PORTS
 
 
-@pytest.fixture
-def started(sandbox):
-    sandbox.start()
-    sandbox.backdate_main_cf()
-    return sandbox
-
-
-def test_postfix_start_status_stop(started):
-    sb = started
-    postfix = record_script(sb, services.POSTFIX)
+def test_postfix_start_status_stop(sandbox):
+    sb = sandbox
+    sb.record(POSTFIX_INIT)
+    sb.backdate_main_cf()
     for word in ("-s", "--status-smtpd"):
-        r = sb.mailtend(word)
-        assert (r.rc, r.out, r.err) == (0, "is stopped\n", ""), r
+        sb.mailtend(word).expect(0, "is stopped\n")
 
-    r = sb.mailtend("-l")
-    assert r.rc == 0, r
+    sb.mailtend("-l").expect(0, None, None)
     assert sb.postfix_running(), "exit 0 before the queue manager ran"
-    assert postfix.calls() == [(["start"], ["LANG=C"])], "script not run alone with LANG=C"
+    assert sb.calls(POSTFIX_INIT) == [(["start"], ALONE)]
     for word in ("-s", "--status-smtpd"):
-        r = sb.mailtend(word)
-        assert (r.rc, r.out, r.err) == (0, "is running\n", ""), r
-
+        sb.mailtend(word).expect(0, "is running\n")
     for word in ("-l", "--start-qmail-send"):
-        r = sb.mailtend(word)
-        assert (r.rc, r.out, r.err) == (0, "", ""), r
-    assert postfix.actions() == ["start"], "a running server was started again"
+        sb.mailtend(word).expect()
+    assert sb.calls(POSTFIX_INIT) == [], "a running server was started again"
 
-    master = services.master_pid(sb)
-    r = sb.mailtend("--stop-qmail-send")
-    assert r.rc == 0, r
-    assert not sb.postfix_running()
-    assert postfix.actions() == ["start", "stop"]
-    assert services.master_pid(sb) == master, "the rig expects master.pid to outlive a stop"
-    r = sb.mailtend("-s")
-    assert (r.rc, r.out) == (0, "is stopped\n"), "stale master.pid taken for a running server"
-
+    master = sb.pidfile("/var/spool/postfix/pid/master.pid")
+    sb.mailtend("--stop-qmail-send").expect(0, None, None)
+    assert not sb.postfix_running() and [c[0] for c in sb.calls(POSTFIX_INIT)] == [["stop"]]
+    assert sb.pidfile("/var/spool/postfix/pid/master.pid") == master, "master.pid outlives a stop"
+    sb.mailtend("-s").expect(0, "is stopped\n")  # a stale master.pid is no running server
     for word in ("-m", "--stop-qmail-send"):
-        r = sb.mailtend(word)
-        assert (r.rc, r.out, r.err) == (0, "", ""), r
-    assert postfix.actions() == ["start", "stop"], "a stopped server was stopped again"
+        sb.mailtend(word).expect()
+    assert sb.calls(POSTFIX_INIT) == [], "a stopped server was stopped again"
 
-    r = sb.mailtend("--start-qmail-send")
-    assert r.rc == 0 and sb.postfix_running(), r
+    sb.mailtend("--start-qmail-send").expect(0, None, None)
+    assert sb.postfix_running()
 
 
-def test_courier_start_status_restart_stop(started):
-    sb = started
-    recorders = [record_script(sb, name) for name in COURIER_SCRIPTS]
-
+def test_courier_start_status_restart_stop(sandbox):
+    sb = sandbox
+    for name in COURIER:
+        sb.record(name)
     r = sb.mailtend("-e")
     assert r.rc == 0 and r.out.endswith("\nis stopped\n"), r
 
-    r = sb.mailtend("-i")
-    assert r.rc == 0, r
-    assert wait_for(lambda: courier_ports(sb) == ALL_COURIER_PORTS), courier_ports(sb)
-    for rec in recorders:
-        assert rec.calls() == [(["status"], ["LANG=C"]), (["start"], ["LANG=C"])], rec.name
-
+    sb.mailtend("-i").expect(0, None, None)
+    assert wait_for(lambda: courier_ports(sb) == PORTS), courier_ports(sb)
+    assert all(sb.calls(name) == [(["status"], ALONE), (["start"], ALONE)] for name in COURIER)
     r = sb.mailtend("--status-maild")
-    assert r.rc == 0 and r.out.endswith("\nis running\n"), r
     # each script's own status line comes first, on standard output
-    assert r.out.count(" is running.\n") == 4, r
+    assert r.rc == 0 and r.out.endswith("\nis running\n") and r.out.count(" is running.\n") == 4, r
 
-    before = {name: services.courier_pid(sb, name) for name in COURIER_SCRIPTS}
-    r = sb.mailtend("-z")
-    assert r.rc == 0, r
-    assert wait_for(lambda: courier_ports(sb) == ALL_COURIER_PORTS), courier_ports(sb)
-    after = {name: services.courier_pid(sb, name) for name in COURIER_SCRIPTS}
-    assert all(after[n] not in (None, before[n]) for n in COURIER_SCRIPTS), (before, after)
+    before = sb.courier_pids()
+    sb.mailtend("-z").expect(0, None, None)
+    assert wait_for(lambda: courier_ports(sb) == PORTS), courier_ports(sb)
+    after = sb.courier_pids()
+    assert all(after[n] not in (None, before[n]) for n in COURIER), (before, after)
 
-    sb.run([services.real_script("courier-pop"), "stop"]).check()
+    sb.run([REAL + "/etc/init.d/courier-pop", "stop"]).check()
     r = sb.mailtend("-e")
     assert r.rc == 0 and r.out.endswith("\nis stopped\n"), "one stopped server not reported"
 
-    r = sb.mailtend("--stop-maild")
-    assert r.rc == 0, r
+    for name in COURIER:
+        sb.calls(name)
+    sb.mailtend("--stop-maild").expect(0, None, None)
     assert wait_for(lambda: not courier_ports(sb)), courier_ports(sb)
-    assert [rec.actions()[-1] for rec in recorders] == ["stop"] * 4
+    assert all(sb.calls(name)[-1][0] == ["stop"] for name in COURIER)
 
-
-def test_courier_scripts_that_are_absent_are_skipped(started):
-    sb = started
+    # absent scripts are skipped, and reported once none is left
     for name in ("courier-imap-ssl", "courier-pop-ssl"):
-        sb.remove(f"{services.INIT_D}/{name}")
-    r = sb.mailtend("--start-maild")
-    assert r.rc == 0, r
+        sb.remove(f"/etc/init.d/{name}")
+    sb.mailtend("--start-maild").expect(0, None, None)
     assert wait_for(lambda: courier_ports(sb) == {110, 143}), courier_ports(sb)
     r = sb.mailtend("-e")
     assert r.rc == 0 and r.out.endswith("\nis running\n"), r
-
-    for name in COURIER_SCRIPTS:
-        if sb.exists(f"{services.INIT_D}/{name}"):
-            sb.remove(f"{services.INIT_D}/{name}")
-    line = f"No start/stop script of courier-imap in {services.INIT_D}\n"
-    r = sb.mailtend("-t")
-    assert (r.rc, r.out, r.err) == (255, line, line), r
-    r = sb.mailtend("-e")
-    assert (r.rc, r.out, r.err) == (0, line + "is stopped\n", line), r
+    for name in ("courier-imap", "courier-pop"):
+        sb.remove(f"/etc/init.d/{name}")
+    line = "No start/stop script of courier-imap in /etc/init.d\n"
+    sb.mailtend("-t").expect(255, line, line)
+    sb.mailtend("-e").expect(0, line + "is stopped\n", line)
