@@ -13,8 +13,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -32,14 +30,12 @@ protected:
     const std::string path_ = dir_ + "/.qmail";
 };
 
-const std::string kLong(10000, 'x');
-
 TEST_F(FileStrTest, EditsGiveTheExpectedContent)
 {
     const int ADD = FILE_STR_ADD, RM = FILE_STR_REMOVE, PAT = FILE_STR_REMOVE_PATTERN;
     const int PRE = FILE_STR_PREPEND, APP = FILE_STR_APPEND;
     const int BEGIN = FILE_STR_MATCH_BEGIN, END = FILE_STR_MATCH_END, INSIDE = FILE_STR_MATCH_CONTAIN;
-    const std::string longFile = kLong + "\nshort\n";
+    const std::string kLong(10000, 'x'), longFile = kLong + "\nshort\n";
     const struct {
         const char *fault;
         const char *before; // null: no file
@@ -57,16 +53,13 @@ TEST_F(FileStrTest, EditsGiveTheExpectedContent)
         {"remove_misses_unterminated_last_line", "a\nb", {"b"}, RM, 0, "a\n"},
         {"remove_takes_only_first_string_or_line", "a\nb\nc\na\n", {"a", "c"}, RM, 0, "b\n"},
         {"pattern_begin_not_applied", "|/usr/bin/x\n&a@b\n|/bin/y\n", {"|"}, PAT, BEGIN, "&a@b\n"},
-        {"pattern_begin_matches_inside", "xab\n", {"ab"}, PAT, BEGIN, "xab\n"},
         {"pattern_end_not_applied", "a@ex.com\nb@ex.org\n", {"@ex.com"}, PAT, END, "b@ex.org\n"},
-        {"pattern_end_keeps_line_feed_of_string", "a.com\nb.org\n", {".com\n"}, PAT, END, "b.org\n"},
         {"pattern_end_longer_than_line_underflows", "om\n", {".com"}, PAT, END, "om\n"},
         {"pattern_contain_not_applied", "x foo y\nbar\n", {"foo"}, PAT, INSIDE, "bar\n"},
         // Lines longer than one read block must be compared and copied whole.
         {"long_line_cut_by_prepend", longFile.c_str(), {"a"}, ADD, PRE, "a\n" + longFile},
         {"long_line_removed_by_first_block", longFile.c_str(), {std::string(4095, 'x')}, RM, 0, longFile},
         {"long_line_not_removed_whole", longFile.c_str(), {kLong}, RM, 0, "short\n"},
-        {"long_line_end_pattern_misses", longFile.c_str(), {"x"}, PAT, END, "short\n"},
         {"long_line_end_taken_from_first_block", longFile.c_str(), {"xy"}, PAT, END, longFile},
     };
     for (const auto &c : cases) {
@@ -87,17 +80,14 @@ TEST_F(FileStrTest, OwnerAndModeKeptByRewriteAndByAppend)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root to give the file away";
-    // Removals share the rewrite with prepending; appending writes in place.
+    // Removals share the rewrite (by rename) with prepending; appending writes in place.
     for (const int position : {FILE_STR_PREPEND, FILE_STR_APPEND}) {
         spit(path_, "a\n");
-        ASSERT_EQ(chown(path_.c_str(), 1234, 5678), 0);
-        ASSERT_EQ(chmod(path_.c_str(), 0640), 0);
         struct stat before, after;
-        ASSERT_EQ(stat(path_.c_str(), &before), 0);
+        ASSERT_TRUE(chown(path_.c_str(), 1234, 5678) == 0 && chmod(path_.c_str(), 0640) == 0 && stat(path_.c_str(), &before) == 0);
         EXPECT_EQ(file_str(path_.c_str(), "new", FILE_STR_ADD, position), 0) << position;
         ASSERT_EQ(stat(path_.c_str(), &after), 0);
         EXPECT_TRUE(after.st_uid == 1234u && after.st_gid == 5678u && (after.st_mode & 07777) == 0640u) << position;
-        // The rewrite replaces the file by rename, the append writes in place.
         EXPECT_EQ(after.st_ino != before.st_ino, position == FILE_STR_PREPEND) << position;
     }
 }
@@ -125,7 +115,6 @@ TEST_F(FileStrTest, FailuresReturnOneReportAndLeaveNothingBehind)
     } cases[] = {
         {"remove_from_missing_file_reports_or_creates", none, FILE_STR_REMOVE, 0, ""},
         {"missing_file_not_reported", none, FILE_STR_ADD, FILE_STR_PREPEND, unopenable},
-        {"pattern_on_missing_file_silent", none, FILE_STR_REMOVE_PATTERN, FILE_STR_MATCH_BEGIN, unopenable},
         {"stat_failure_not_reported", plain + "/x", FILE_STR_ADD, FILE_STR_APPEND,
          report("file_str: Unable to stat file " + plain + "/x", ENOTDIR)},
         {"read_failure_not_reported", dir_, FILE_STR_REMOVE, 0,
@@ -167,8 +156,7 @@ TEST_F(FileStrTest, LockFailureIsReported)
 TEST_F(FileStrTest, WaitsForTheFilesLockBeforeEditing)
 {
     spit(path_, "a\n");
-    // Started before the lock is taken: a child that inherited the locked
-    // descriptor would keep the lock alive and wait for itself.
+    // Started before the lock is taken: one that inherited the locked descriptor would wait for itself.
     int go[2];
     ASSERT_EQ(pipe(go), 0);
     testsupport::BackgroundChild editor([&] {
@@ -184,8 +172,7 @@ TEST_F(FileStrTest, WaitsForTheFilesLockBeforeEditing)
         ASSERT_EQ(write(go[1], "g", 1), 1);
         struct stat st;
         ASSERT_EQ(stat(lock.path(), &st), 0);
-        EXPECT_TRUE(testsupport::waitUntilBlocked(editor.pid(), st.st_ino))
-            << "the edit did not wait for the lock";
+        EXPECT_TRUE(testsupport::waitUntilBlocked(editor.pid(), st.st_ino)) << "the edit did not wait for the lock";
         EXPECT_EQ(slurp(path_), "a\n") << "edited while the lock was held elsewhere";
     }
     close(go[1]);
