@@ -14,7 +14,6 @@ TEST(ZarnetLog, ThresholdAndTargetDecideWhatReachesBothStreams)
     } cases[] = {
         {"default threshold not 6", nullptr, 0, "six\ncrit\n"},
         {"console threshold not raised", "console", 12, "twelve\ndebug 7\nsix\ncrit\n"},
-        {"console prefix case-sensitive", "CONSOLE:x", 6, "six\ncrit\n"},
         {"other target not disabling", "file", 12, ""},
         {"level zero not disabling", "console", 0, ""},
     };

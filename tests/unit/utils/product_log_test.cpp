@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstring>
 
 TEST(Messlog2, WritesBothStreamsWithOneLineFeedAndEndsOnStatus)

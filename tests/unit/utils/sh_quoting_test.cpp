@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 using zarnet::sh_quote;
 
 TEST(ShQuote, QuotesPerCharacterClass)
@@ -14,9 +12,7 @@ TEST(ShQuote, QuotesPerCharacterClass)
         const char *fault;
         std::string text, want;
     } cases[] = {
-        {"blank and semicolon unquoted", "a b;c", "a\\ b\\;c"},
         {"line feed not in single quotes", "a\nb", "a'\n'b"},
-        {"empty text not empty", "", ""},
         {"plain word altered", "Ab0-_.,/:=+%@!{}]^", "Ab0-_.,/:=+%@!{}]^"},
         {"UTF-8 bytes or carriage return altered", "j\xc3\xb6rg\r", "j\xc3\xb6rg\r"},
         {"a starred character not backslashed", "\t \"#$&'()*;<>?[\\`|~", "\\\t\\ \\\"\\#\\$\\&\\'\\(\\)\\*\\;\\<\\>\\?\\[\\\\\\`\\|\\~"},
@@ -37,7 +33,7 @@ TEST(ShQuote, EveryByteAgreesWithTheArgumentCheck)
         EXPECT_TRUE(b < 128 || want) << "byte " << b << " altered";
     }
     EXPECT_TRUE(check_shell_arg_nothrow(nullptr) && check_shell_arg_nothrow(""));
-    EXPECT_EQ(testsupport::thrown([] { zarnet::check_shell_arg("plain-word"); }), "nothing");
-    EXPECT_EQ(testsupport::thrown([] { zarnet::check_shell_arg("two words"); }),
-              "runtime_error: Internal error: bad escape_chars value");
+    EXPECT_EQ(testsupport::thrown([] { zarnet::check_shell_arg("plain-word"); }) + "|" +
+                  testsupport::thrown([] { zarnet::check_shell_arg("two words"); }),
+              "nothing|runtime_error: Internal error: bad escape_chars value");
 }
