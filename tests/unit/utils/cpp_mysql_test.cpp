@@ -68,18 +68,6 @@ TEST(CppMysql, QueryBuildingAndConversionsWithoutServer)
         EXPECT_EQ(c.got, c.want) << c.fault;
 }
 
-TEST(CppMysql, ErrorFromHandle)
-{
-    MYSQL *fresh = mysql_init(nullptr);
-    ASSERT_NE(fresh, nullptr);
-    EXPECT_STREQ(mError(fresh, " executing query: X").what(), "Unknown error\n") << "no error number is no error";
-    // A socket that cannot exist gives a client error without any server.
-    ASSERT_EQ(mysql_real_connect(fresh, "localhost", "u", "p", "zrn", 0, "/nonexistent-dir/mysqld.sock", 0), nullptr);
-    EXPECT_EQ(mError(fresh, " executing query: SELECT 1").what(), "MySQL error " + std::to_string(mysql_errno(fresh)) +
-                                                                      ": " + mysql_error(fresh) + " executing query: SELECT 1");
-    mysql_close(fresh);
-}
-
 TEST(CppMysqlSandboxed, ExecAndFetch)
 {
     MAILTEND_REQUIRE_SANDBOX();

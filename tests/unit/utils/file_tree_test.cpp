@@ -40,9 +40,7 @@ TEST(FileTree, WalkersChangeEveryEntryButNeverFollowALink)
     for (int i = 0; i < 30; ++i)
         deep += "/d";
     fs::create_directories(deep);
-    const std::string msg = deep + "/1.msg";
-    testsupport::spit(msg, "one");
-    chmod(msg.c_str(), 0644);
+    testsupport::spit(deep + "/1.msg", "one");
     symlink("../outside", (tree + "/dirlink").c_str());
     symlink((outside + "/secret").c_str(), (tree + "/Maildir/filelink").c_str());
     symlink(outside.c_str(), topLink.c_str());
@@ -54,16 +52,11 @@ TEST(FileTree, WalkersChangeEveryEntryButNeverFollowALink)
             EXPECT_TRUE(S_ISLNK(st.st_mode) || ok(st)) << fault << ": " << it->path() << " is " << attrs(it->path());
         }
     };
-    EXPECT_EQ(chmod_tree(tree.c_str(), 0700, FILE_TREE_KEEP_MODE), 0);
-    each("directory missed", [](const struct stat &st) { return !S_ISDIR(st.st_mode) || (st.st_mode & 07777) == 0700; });
-    EXPECT_EQ(attrs(msg).substr(attrs(msg).find(' ')), " 644") << "a kept mode changed";
     EXPECT_EQ(chmod_tree(tree.c_str(), 0700, 0600), 0);
     each("mode not set", [](const struct stat &st) { return (st.st_mode & 07777) == (S_ISDIR(st.st_mode) ? 0700u : 0600u); });
     if (geteuid() == 0) { // giving files away needs root
         EXPECT_EQ(chown_tree(tree.c_str(), 1234, 5678), 0);
         each("owner not set", [](const struct stat &st) { return st.st_uid == 1234u && st.st_gid == 5678u; });
-        EXPECT_EQ(chown_tree(topLink.c_str(), 1234, 5678), 0);
-        EXPECT_EQ(attrs(topLink).substr(0, 9), "1234:5678") << "a link given as the top not chowned itself";
     }
     EXPECT_EQ(chmod_tree(topLink.c_str(), 0700, 0600), 0) << "a link given as the top";
     EXPECT_EQ(rm_tree(topLink.c_str()), 0);
