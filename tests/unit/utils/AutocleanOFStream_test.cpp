@@ -1,17 +1,9 @@
 #include "utils/AutocleanOFStream.h"
 
-#include "support/child_capture.h"
-#include "support/files.h"
-#include "support/temp_dir.h"
+#include "test_common.h"
+
 #include "utils/ExSystemError.h"
 
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
-using testsupport::exists;
-using testsupport::slurp;
 using zarnet::AutocleanOFStream;
 
 // Callers set exceptions(badbit | failbit); on a full disk the last flush

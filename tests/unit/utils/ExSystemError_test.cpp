@@ -1,9 +1,7 @@
 #include "utils/ExSystemError.h"
+
+#include "test_common.h"
 #include "utils/NotSupportedError.h"
-
-#include <gtest/gtest.h>
-
-#include <cstring>
 
 using zarnet::ExSystemError;
 using zarnet::SystemError;

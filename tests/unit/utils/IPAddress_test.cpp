@@ -1,6 +1,6 @@
 #include "utils/IPAddress.h"
 
-#include <gtest/gtest.h>
+#include "test_common.h"
 
 TEST(IPAddress, LoopbackSubnetAndSameness)
 {

@@ -1,17 +1,8 @@
 #include "utils/MKLock.h"
 
-#include "support/background.h"
-#include "support/child_capture.h"
-#include "support/files.h"
-#include "support/probes.h"
-#include "support/temp_dir.h"
-#include "support/thrown.h"
+#include "test_common.h"
+
 #include "utils/md5.h"
-
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 using zarnet::MKLock;
 

@@ -1,22 +1,10 @@
 #include "utils/ProcessLaunch.h"
 
-#include "support/background.h"
-#include "support/child_capture.h"
-#include "support/thrown.h"
+#include "test_common.h"
+
 #include "utils/ExSystemError.h"
 
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-
 using namespace zarnet::process;
-using testsupport::exitText;
-using testsupport::readAll;
-using testsupport::runInChild;
-using testsupport::thrown;
 
 namespace {
 

@@ -1,19 +1,8 @@
 #include "utils/ProcessPipe.h"
 
-#include "support/background.h"
-#include "support/probes.h"
-#include "support/thrown.h"
-
-#include <gtest/gtest.h>
-
-#include <sys/wait.h>
-#include <unistd.h>
+#include "test_common.h"
 
 using namespace zarnet::process;
-using testsupport::exitText;
-using testsupport::pattern;
-using testsupport::sameBytes;
-using testsupport::thrown;
 
 namespace {
 

@@ -1,16 +1,13 @@
 #include "utils/ProcessSetCatcher.h"
 
-#include "support/thrown.h"
+#include "test_common.h"
+
 #include "utils/ProcessLaunch.h"
 
-#include <gtest/gtest.h>
-
 #include <poll.h>
-#include <sys/wait.h>
 
 using zarnet::process::ProcessLaunch;
 using zarnet::process::ProcessSetCatcher;
-using testsupport::thrown;
 
 namespace {
 

@@ -1,14 +1,6 @@
 #include "utils/TmpFile.h"
 
-#include "support/child_capture.h"
-#include "support/files.h"
-#include "support/temp_dir.h"
-#include "support/thrown.h"
-
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
+#include "test_common.h"
 
 TEST(TmpFile, AutocleanDecidesWhetherTheFileOutlivesTheObject)
 {

@@ -1,6 +1,6 @@
 #include "utils/Traceback.h"
 
-#include <gtest/gtest.h>
+#include "test_common.h"
 
 #include <sstream>
 

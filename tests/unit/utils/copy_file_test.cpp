@@ -1,26 +1,8 @@
 #include "utils/copy_file.h"
 
-#include "support/background.h"
-#include "support/child_capture.h"
-#include "support/files.h"
-#include "support/probes.h"
-#include "support/temp_dir.h"
+#include "test_common.h"
+
 #include "utils/MKLock.h"
-
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstring>
-#include <filesystem>
-
-using testsupport::exists;
-using testsupport::pattern;
-using testsupport::sameBytes;
-using testsupport::slurp;
-using testsupport::spit;
 
 namespace {
 

@@ -1,11 +1,9 @@
 #include "utils/cpp_mysql.h"
+
+#include "test_common.h"
 #include "utils/dbconnect.h"
 
-#include "support/files.h"
 #include "support/sandboxed.h"
-#include "support/thrown.h"
-
-#include <gtest/gtest.h>
 
 #include <cstdio>
 
@@ -14,7 +12,6 @@ using zarnet::mysql::Field;
 using zarnet::mysql::mError;
 using zarnet::mysql::Query;
 using zarnet::mysql::Result;
-using testsupport::thrown;
 
 namespace {
 

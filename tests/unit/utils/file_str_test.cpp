@@ -1,25 +1,10 @@
 #include "utils/file_str.h"
 
-#include "support/background.h"
-#include "support/child_capture.h"
-#include "support/files.h"
-#include "support/probes.h"
-#include "support/temp_dir.h"
-#include "support/thrown.h"
+#include "test_common.h"
+
 #include "utils/MKLock.h"
 
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstring>
-
 namespace {
-
-using testsupport::exists;
-using testsupport::slurp;
-using testsupport::spit;
 
 class FileStrTest : public ::testing::Test {
 protected:

@@ -1,19 +1,8 @@
 #include "utils/file_tree.h"
 
-#include "support/child_capture.h"
-#include "support/files.h"
-#include "support/temp_dir.h"
-
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstring>
-#include <filesystem>
+#include "test_common.h"
 
 namespace fs = std::filesystem;
-using testsupport::exists;
 
 namespace {
 

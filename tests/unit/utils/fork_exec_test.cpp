@@ -1,13 +1,6 @@
 #include "utils/fork_exec.h"
 
-#include "support/child_capture.h"
-#include "support/files.h"
-#include "support/temp_dir.h"
-
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <sys/wait.h>
+#include "test_common.h"
 
 TEST(ForkExec, ResultAndReportFollowTheChild)
 {

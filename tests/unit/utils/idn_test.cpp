@@ -1,8 +1,6 @@
 #include "utils/idn.h"
 
-#include "support/child_capture.h"
-
-#include <gtest/gtest.h>
+#include "test_common.h"
 
 #include <cstdio>
 #include <cstdlib>

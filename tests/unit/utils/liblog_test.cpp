@@ -1,8 +1,6 @@
 #include "utils/liblog.h"
 
-#include "support/child_capture.h"
-
-#include <gtest/gtest.h>
+#include "test_common.h"
 
 TEST(ZarnetLog, ThresholdAndTargetDecideWhatReachesBothStreams)
 {

@@ -1,8 +1,6 @@
 #include "utils/mail_validate.h"
 
-#include "support/child_capture.h"
-
-#include <gtest/gtest.h>
+#include "test_common.h"
 
 TEST(MailValidate, MailnameRejectsDoubleDotAndUnknownTypesAreLogged)
 {

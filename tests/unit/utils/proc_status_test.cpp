@@ -1,14 +1,8 @@
 #include "utils/proc_status.h"
 
+#include "test_common.h"
+
 #include "support/named_child.h"
-#include "support/temp_dir.h"
-
-#include <gtest/gtest.h>
-
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
 
 using namespace zarnet::process;
 

@@ -1,10 +1,6 @@
 #include "utils/product_log.h"
 
-#include "support/child_capture.h"
-
-#include <gtest/gtest.h>
-
-#include <cstring>
+#include "test_common.h"
 
 TEST(Messlog2, WritesBothStreamsWithOneLineFeedAndEndsOnStatus)
 {

@@ -1,10 +1,6 @@
 #include "utils/read_configuration.h"
 
-#include "support/child_capture.h"
-#include "support/files.h"
-#include "support/temp_dir.h"
-
-#include <gtest/gtest.h>
+#include "test_common.h"
 
 namespace {
 

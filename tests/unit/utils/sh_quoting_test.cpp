@@ -1,8 +1,6 @@
 #include "utils/sh_quoting.h"
 
-#include "support/thrown.h"
-
-#include <gtest/gtest.h>
+#include "test_common.h"
 
 TEST(ShQuote, QuotesPerCharacterClassAndEveryByteAgreesWithTheArgumentCheck)
 {
