@@ -17,13 +17,9 @@ TEST(AutocleanOFStream, CommitReplacesTheTargetOtherwiseTheFileDisappearsAndFail
     mkdir((dir + "/busy/keep").c_str(), 0755);
     symlink("/dev/full", full.c_str()); // every flush fails
     const bool root = geteuid() == 0;   // giving the file away needs root
-    const struct {
-        const char *fault;
-        std::string path, commitTo;        // "": no commit
-        bool failWrite, exceptions, owned; // owned: 1234:5678, mode 0640
-        int want;                          // the SystemError's code, else 0
-        std::string content;
-    } cases[] = {
+    // commitTo "" for none; owned by 1234:5678, mode 0640; want: the SystemError's code, else 0
+    const struct { const char *fault; std::string path, commitTo; bool failWrite, exceptions, owned; int want;
+                     std::string content; } cases[] = {
         {"uncommitted file kept or target touched", tmp, "", false, false, false, 0, "old\n"},
         {"unflushed text lost", tmp, target, false, false, false, 0, "new"},
         {"owner or mode not set", tmp, target, false, false, root, 0, "new"},

@@ -16,10 +16,8 @@ TEST(SystemError, WhatJoinsMessageAndErrnoTextOnceAndCopies)
 
 TEST(ThrowSystemError, PicksTheClassOfTheCodeAndCodeZeroTakesErrnoPlain)
 {
-    const struct {
-        int code, current; // current: errno at the call
-        const std::type_info &want;
-    } cases[] = {
+    // current: errno at the call
+    const struct { int code, current; const std::type_info &want; } cases[] = {
         {EPERM, 0, typeid(ExSystemError<EPERM>)}, {ENOENT, 0, typeid(ExSystemError<ENOENT>)},
         {EAGAIN, 0, typeid(ExSystemError<EAGAIN>)}, {EACCES, 0, typeid(SystemError)},
         // Catching by errno type must mean the caller named the code.

@@ -48,10 +48,8 @@ TEST(ProcessLaunch, QuietClosesKeepErrnoAndEmptyArgumentEndsOnlyThePositionalLis
 TEST(ProcessLaunch, InvalidSelectorRejectedBeforeFork)
 {
     const int SAME = ProcessLaunch::FD_SAME_AS_STDOUT;
-    const struct {
-        int in, out, err;
-        const char *want;
-    } cases[] = {{SAME, INH, INH, "stdin"}, {INH, -1, INH, "stdout"}, {INH, INH, -6, "stderr"}};
+    const struct { int in, out, err; const char *want; } cases[] = {
+        {SAME, INH, INH, "stdin"}, {INH, -1, INH, "stdout"}, {INH, INH, -6, "stderr"}};
     for (const auto &c : cases)
         EXPECT_EQ(thrown([&] { start(P("/bin/true"), c.in, c.out, c.err); }),
                   std::string("invalid_argument: invalid FD for ") + c.want);
@@ -77,11 +75,7 @@ TEST(ProcessLaunch, CallersDescriptorsAndLowNumbersAreRewiredSafely)
     EXPECT_EQ(exitText(p->waitExit()), "exit 0");
 
     // The program's stdout on a low number (-1: fds 0 and 1 freed first, so the pipe lands there).
-    const struct {
-        const char *fault;
-        int target, flags;
-        const char *program, *want;
-    } cases[] = {
+    const struct { const char *fault; int target, flags; const char *program, *want; } cases[] = {
         {"wiring stdin clobbers stdout's source on fd 0", 0, 0, "/usr/bin/printf", "reached exit 0"},
         {"own number keeps close-on-exec (no dup2 clears it)", 1, O_CLOEXEC, "/usr/bin/printf", "reached exit 0"},
         {"report channel lost around fd 1: exec failure taken for success", -1, 0, "/none", "SystemError: execv (2)"},
@@ -113,13 +107,9 @@ TEST(ProcessLaunch, ChildGetsTheRequestedSetupOrItsFailureBack)
 {
     using F = PipeProcessFlags &;
     const auto hook = [](std::function<void()> h) { return [h](F f) { f.preExecHook = h; }; };
-    const struct {
-        const char *fault;
-        P program;
-        std::function<void(F)> setup;
-        std::string want; // what waitExec threw, else the program's output
-        int wantExit;
-    } cases[] = {
+    // want: what waitExec threw, else the program's output
+    const struct { const char *fault; P program; std::function<void(F)> setup; std::string want;
+                     int wantExit; } cases[] = {
         {"environment not exactly the given one", P("/usr/bin/env"), [](F f) { f.env = {{"A=1", "B=two words"}}; },
          "A=1\nB=two words\n", 0},
         {"missing program not reported", P("/nonexistent"), [](F) {}, sys("execv", ENOENT), 67},

@@ -57,13 +57,8 @@ TEST(Pipe, StreamsArriveWholeThroughFullPipes)
     for (int fd = 3; fd < 256; ++fd)
         if (fcntl(fd, F_GETFD) >= 0 && !(fcntl(fd, F_GETFD) & FD_CLOEXEC))
             inherited += (inherited.size() > 1 ? ", " : "") + std::to_string(fd);
-    const struct {
-        const char *fault;
-        P program;
-        size_t chunk; // of input handed out per call; 0: no input
-        bool lastWithFalse;
-        std::string out, err;
-    } cases[] = {
+    // chunk: input handed out per call, 0 for no input
+    const struct { const char *fault; P program; size_t chunk; bool lastWithFalse; std::string out, err; } cases[] = {
         {"one stream starved while the other fills", both, 0, false, pattern(1 << 20), pattern(1 << 20, 7, 3)},
         {"rest of an input buffer larger than the pipe lost", P("/bin/cat"), input.size(), false, input, ""},
         {"odd-sized input given with the end answer dropped", P("/bin/cat"), 100003, true, input, ""},

@@ -4,8 +4,6 @@
 
 #include "utils/ProcessLaunch.h"
 
-#include <poll.h>
-
 using zarnet::process::ProcessLaunch;
 using zarnet::process::ProcessSetCatcher;
 

@@ -4,6 +4,8 @@
 
 #include "utils/MKLock.h"
 
+#include <set>
+
 namespace {
 
 class CopyFileTest : public ::testing::Test {
@@ -15,16 +17,13 @@ protected:
     }
     void TearDown() override { mk_lock_set_dir_for_testing(nullptr); }
 
-    // Names in dir_ other than the given ones: leftovers of a copy.
-    std::string strayFiles(std::initializer_list<std::string> known)
+    // What dir_ holds besides the lock directory and adir_: a copy's leftovers show.
+    std::set<std::string> entries()
     {
-        std::string stray;
-        for (const auto &e : std::filesystem::directory_iterator(dir_)) {
-            const std::string name = e.path().filename().string();
-            if (name != "locks" && name != "adir" && std::find(known.begin(), known.end(), name) == known.end())
-                stray += name + " ";
-        }
-        return stray;
+        std::set<std::string> names;
+        for (const auto &e : std::filesystem::directory_iterator(dir_))
+            names.insert(e.path().filename());
+        return names.erase("locks"), names.erase("adir"), names;
     }
 
     const testsupport::TempDir temp_{"copy_file"};
@@ -41,12 +40,8 @@ TEST_F(CopyFileTest, ResultsAndReports)
     ASSERT_EQ(link(src_.c_str(), (dir_ + "/hard").c_str()), 0);
     // Emptying the destination before copying would empty the source when
     // both are one file; something that is not a regular file has nothing to empty.
-    const struct {
-        const char *fault;
-        std::string src, dst;
-        int rc;
-        std::string out; // after what the caller printed
-    } cases[] = {
+    // out: what follows what the caller printed
+    const struct { const char *fault; std::string src, dst; int rc; std::string out; } cases[] = {
         {"same file by a hard link emptied", src_, dir_ + "/hard", 0, ""},
         {"device truncated", src_, "/dev/null", 0, ""},
         {"dash not standard output, or ahead of earlier output", src_, "-", 0, content},
@@ -72,10 +67,7 @@ TEST_F(CopyFileTest, AtomicCopyFailuresEndTheProcessWithTheirMessageAndLeaveNoFi
     mkdir((dir_ + "/busy").c_str(), 0755);
     spit(dir_ + "/busy/keep", "");
     spit(src_, "x");
-    const struct {
-        const char *fault;
-        std::string src, dst, step, system_error;
-    } cases[] = {
+    const struct { const char *fault; std::string src, dst, step, system_error; } cases[] = {
         {"open failure unreported", missing_, dst_, "open", "2: No such file or directory"},
         {"temporary file failure unreported", src_, missing_ + "/dst", "mkstemp", "2: No such file or directory"},
         {"temporary file left after a read failure", adir_, dst_, "read", "21: Is a directory"},
@@ -90,7 +82,7 @@ TEST_F(CopyFileTest, AtomicCopyFailuresEndTheProcessWithTheirMessageAndLeaveNoFi
         const std::string want = "copy_file_atomic(" + c.src + " -> " + c.dst + "): " + c.step +
                                  " failed\nSystem error " + c.system_error + "\n";
         EXPECT_EQ(r.out + "|" + r.err, want + "|" + want) << c.fault;
-        EXPECT_EQ(strayFiles({"src", "busy"}), "") << c.fault;
+        EXPECT_EQ(entries(), (std::set<std::string>{"busy", "src"})) << c.fault;
         EXPECT_TRUE(exists(dir_ + "/busy/keep")) << c.fault;
     }
     // Replaced by rename, never rewritten in place: a reader holding the old
@@ -102,5 +94,5 @@ TEST_F(CopyFileTest, AtomicCopyFailuresEndTheProcessWithTheirMessageAndLeaveNoFi
     EXPECT_EQ(testsupport::readAll(old), "old");
     close(old);
     EXPECT_EQ(sameBytes(slurp(dst_), slurp(src_)), "equal");
-    EXPECT_EQ(strayFiles({"src", "dst", "busy"}), "");
+    EXPECT_EQ(entries(), (std::set<std::string>{"busy", "dst", "src"}));
 }

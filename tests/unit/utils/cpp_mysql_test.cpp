@@ -45,10 +45,7 @@ TEST(CppMysql, QueryBuildingAndConversionsWithoutServer)
             return std::string("bad_lexical_cast");
         }
     };
-    const struct {
-        const char *fault;
-        std::string got, want;
-    } cases[] = {
+    const struct { const char *fault; std::string got, want; } cases[] = {
         {"plain name changed", Connection::escape_name("mail_aliases", 0), "mail_aliases"},
         {"explicit length ignored", Connection::escape_name("a`bc`", 3), "a``b"},
         {"name mode not applied or sticky", built([](Connection &c) { c << "SELECT `" << name << "a`b" << "` `x`"; }),
@@ -95,10 +92,7 @@ TEST(CppMysqlSandboxed, ExecAndFetch)
     const auto failed = thrown([&] { conn << "SELEC 1" << Query::exec; });
     const auto stale = fetched(conn, "SELECT 'ok' AS k", "k");
     conn << "SELECT 1" << Query::exec;
-    const struct {
-        const char *fault;
-        std::string got, want;
-    } cases[] = {
+    const struct { const char *fault; std::string got, want; } cases[] = {
         {"exec of a select leaves the handle out of sync", fetched(conn, "SELECT 'next' AS k", "k"), "next"},
         {"rows, null or numbers misread", rows(), "2:1 -32768 2147483647 2147483647 -9223372036854775807,0 2 3 3 4,"},
         {"missing field not reported", fetched(conn, "SELECT 1 AS val", "nope"), kMError + "No field named nope in result set"},
@@ -118,12 +112,8 @@ TEST(CppMysqlSandboxed, PasswordFile)
     const char *const shadow = "/etc/zrn/.zrn.shadow", *const aside = "/etc/zrn/.zrn.shadow.cpp-mysql-test";
     const std::string file = testsupport::slurp(shadow), pw = file.substr(0, file.find('\n'));
     ASSERT_FALSE(pw.empty());
-    const struct {
-        const char *fault;
-        bool missing;
-        std::string content;
-        std::string want; // "": connects
-    } cases[] = {
+    // want "": connects
+    const struct { const char *fault; bool missing; std::string content; std::string want; } cases[] = {
         {"last character dropped without a line feed", false, pw, ""},
         {"second line read", false, pw + "\nsomething else\n", ""},
         {"missing file not reported", true, "", "Unable to open admin password file: No such file or directory"},

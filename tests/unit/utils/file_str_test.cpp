@@ -22,13 +22,9 @@ TEST_F(FileStrTest, EditsGiveTheExpectedContent)
     const int PRE = FILE_STR_PREPEND, APP = FILE_STR_APPEND;
     const int END = FILE_STR_MATCH_END, INSIDE = FILE_STR_MATCH_CONTAIN;
     const std::string kLong(10000, 'x'), longFile = kLong + "\nshort\n";
-    const struct {
-        const char *fault;
-        const char *before; // null: no file
-        std::vector<std::string> strings;
-        int operation, position;
-        std::string want;
-    } cases[] = {
+    // before: null for no file
+    const struct { const char *fault; const char *before; std::vector<std::string> strings; int operation, position;
+                     std::string want; } cases[] = {
         {"append_does_not_create_missing_file", nullptr, {"a"}, ADD, APP, "a\n"},
         {"append_glued_to_unterminated_last_line", "a", {"b"}, ADD, APP, "a\nb\n"},
         {"prepend_alters_unterminated_last_line", "b", {"a"}, ADD, PRE, "a\nb"},
@@ -83,12 +79,7 @@ TEST_F(FileStrTest, FailuresReturnOneReportAndLeaveNothingBehind)
     ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
     // The messages end in a line feed and the message routine then adds the
     // system error line, hence the empty line between them.
-    const struct {
-        const char *fault;
-        std::string path;
-        int operation, position;
-        std::string want_out;
-    } cases[] = {
+    const struct { const char *fault; std::string path; int operation, position; std::string want_out; } cases[] = {
         {"remove_from_missing_file_reports_or_creates", none, FILE_STR_REMOVE, 0, ""},
         {"missing_file_not_reported", none, FILE_STR_ADD, FILE_STR_PREPEND, report("Unable to open file " + none, ENOENT)},
         {"read_failure_not_reported", dir_, FILE_STR_REMOVE, 0,

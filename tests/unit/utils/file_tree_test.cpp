@@ -63,13 +63,9 @@ TEST(FileTree, MissingPathsAndDotNamesGiveTheirResult)
     const auto report = [](const std::string &what, int code) {
         return what + ": " + std::strerror(code) + "\nSystem error " + std::to_string(code) + ": " + std::strerror(code) + "\n";
     };
-    const struct {
-        const char *fault;
-        std::function<int(const char *)> walk;
-        std::string path;
-        int want_errno; // 0: success
-        std::string want_out;
-    } cases[] = {
+    // want_errno: 0: success
+    const struct { const char *fault; std::function<int(const char *)> walk; std::string path; int want_errno;
+                     std::string want_out; } cases[] = {
         {"rm_tree fails on a missing path or parent", rm_tree, dir + "/no/such/parent", 0, ""},
         {"chmod_tree accepts a missing path", [](const char *p) { return chmod_tree(p, 0700, 0600); }, missing, ENOENT,
          report("chmod_tree: Unable to stat " + missing, ENOENT)},

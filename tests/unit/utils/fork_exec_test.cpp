@@ -9,13 +9,8 @@ TEST(ForkExec, ResultAndReportFollowTheChild)
     testsupport::spit(script, "#!/bin/sh\necho \"$0|$1|$2\" > \"$2\"\nexit \"$1\"\n");
     testsupport::spit(killer, "#!/bin/sh\nkill -9 $$\n");
     chmod(script.c_str(), 0755), chmod(killer.c_str(), 0755);
-    const struct {
-        const char *fault;
-        std::string path;
-        std::vector<std::string> argv;
-        int want;
-        std::string want_report;
-    } cases[] = {
+    const struct { const char *fault; std::string path; std::vector<std::string> argv; int want;
+                     std::string want_report; } cases[] = {
         {"success not 0", script, {"name", "0", out}, 0, ""},
         {"exit status ignored", script, {"name", "3", out}, -1, script + " exited with status 3\n"},
         {"signal not reported", killer, {"killer"}, -1, killer + " killed by signal 9\n"},

@@ -21,11 +21,9 @@ protected:
 TEST_F(ZrnConf, Grammar)
 {
     const std::string long_value(100000, 'v');
-    const struct {
-        const char *fault;
-        std::string content;
-        std::vector<std::pair<const char *, const char *>> want; // null value: not defined
-    } cases[] = {
+    // want: a null value for not defined
+    const struct { const char *fault; std::string content;
+                     std::vector<std::pair<const char *, const char *>> want; } cases[] = {
         {"plain_definition_lost", "FOO /srv/mail\n", {{"FOO", "/srv/mail"}}},
         {"comment_line_read", "# FOO x\n  #FOO y\n", {{"FOO", nullptr}}},
         {"hash_glued_to_value_kept", "FOO a#b\n", {{"FOO", "a"}}},
