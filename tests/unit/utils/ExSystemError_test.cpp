@@ -6,16 +6,12 @@
 using zarnet::ExSystemError;
 using zarnet::SystemError;
 
-TEST(SystemError, WhatJoinsMessageAndErrnoTextOnceAndCopies)
+TEST(SystemError, WhatJoinsMessageAndErrnoTextAndThrowPicksTheClassOfTheCode)
 {
     const SystemError with("pipe", EMFILE), without("", EACCES);
     EXPECT_EQ(std::string(with.what()) + "|" + without.what(), std::string("pipe: ") + std::strerror(EMFILE) + "|" + std::strerror(EACCES));
     EXPECT_STREQ(SystemError(with).what(), with.what());
     EXPECT_STREQ(zarnet::NotSupportedError("short account-format").what(), "short account-format isn't supported");
-}
-
-TEST(ThrowSystemError, PicksTheClassOfTheCodeAndCodeZeroTakesErrnoPlain)
-{
     // current: errno at the call
     const struct { int code, current; const std::type_info &want; } cases[] = {
         {EPERM, 0, typeid(ExSystemError<EPERM>)}, {ENOENT, 0, typeid(ExSystemError<ENOENT>)},

@@ -54,7 +54,7 @@ TEST_F(MKLockTest, HeldLockRefusesNonBlockingAndMakesBlockingWait)
     EXPECT_EQ(waiter.wait(), "exit 0");
 }
 
-TEST_F(MKLockTest, EveryFormHoldsTheRightFileUntilReleased)
+TEST_F(MKLockTest, EveryFormHoldsTheRightFileUntilReleasedAndAnUnusableDirectoryFailsWithTheReason)
 {
     {
         MKLock lock(name_);
@@ -85,21 +85,17 @@ TEST_F(MKLockTest, EveryFormHoldsTheRightFileUntilReleased)
         return path && path == "/var/lock/files/" + zarnet::md5Hex("/etc/postfix/main.cf") ? (free(path), 0) : 1;
     });
     EXPECT_EQ(r2.status, 0) << "the lock file depends on the working directory";
-}
-
-TEST_F(MKLockTest, UnusableLockDirectoryFailsWithTheReason)
-{
     testsupport::spit(root_ + "/plain", "x");
     const std::string dir = root_ + "/plain/locks";
     mk_lock_set_dir_for_testing(dir.c_str());
-    const auto r = testsupport::runInChild([&] {
+    const auto r3 = testsupport::runInChild([&] {
         errno = 0;
         if (mk_held_lock(name_.c_str(), 1) != nullptr || errno != ENOTDIR)
             return 1;
         return testsupport::thrown([&] { MKLock lock(name_); }) == "SystemError: lock() failed (20)" ? 0 : 2;
     });
-    EXPECT_EQ(r.status, 0) << "1: mk_held_lock, 2: MKLock; " << r;
+    EXPECT_EQ(r3.status, 0) << "1: mk_held_lock, 2: MKLock; " << r3;
     const std::string report = "Unable to open file \"" + dir + "/" + zarnet::md5Hex(name_) +
                                "\": Not a directory.\nSystem error 20: Not a directory\n";
-    EXPECT_EQ(r.out, report + report);
+    EXPECT_EQ(r3.out, report + report);
 }

@@ -30,7 +30,7 @@ std::string sys(const char *step, int code) { return std::string("SystemError: "
 
 } // namespace
 
-TEST(ProcessLaunch, QuietClosesKeepErrnoAndEmptyArgumentEndsOnlyThePositionalList)
+TEST(ProcessLaunch, QuietClosesKeepErrnoBadSelectorsForkNothingAndEmptyArgumentEndsTheList)
 {
     const int fd = dup(2);
     ASSERT_EQ(close(fd), 0); // so both owners' closes fail with EBADF
@@ -43,10 +43,6 @@ TEST(ProcessLaunch, QuietClosesKeepErrnoAndEmptyArgumentEndsOnlyThePositionalLis
     EXPECT_EQ(errno, E2BIG) << "destructor";
     EXPECT_EQ(P("/p", "a", "", "b").argv, (std::vector<std::string>{"/p", "a"}));
     EXPECT_EQ(P("/p", std::vector<std::string>{"a", "", "b"}).argv, (std::vector<std::string>{"/p", "a", "", "b"}));
-}
-
-TEST(ProcessLaunch, InvalidSelectorRejectedBeforeFork)
-{
     const int SAME = ProcessLaunch::FD_SAME_AS_STDOUT;
     const struct { int in, out, err; const char *want; } cases[] = {
         {SAME, INH, INH, "stdin"}, {INH, -1, INH, "stdout"}, {INH, INH, -6, "stderr"}};

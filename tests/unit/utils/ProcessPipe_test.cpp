@@ -100,7 +100,7 @@ TEST(Pipe, UnreadInputIsDroppedAndOutputAfterTheExitStillRead)
     close(trigger[1]);
 }
 
-TEST(Pipe, MisuseAndUnrunnableProgramsThrowAndLeaveNoZombie)
+TEST(Pipe, MisuseAndFailuresThrowAndLeaveNoZombieAndNonblockWriteKeepsErrno)
 {
     Pipe empty, ran(P("/bin/true"));
     EXPECT_EQ(thrown([&] { empty.run(); }), "logic_error: No processes to launch were assigned so far");
@@ -114,10 +114,6 @@ TEST(Pipe, MisuseAndUnrunnableProgramsThrowAndLeaveNoZombie)
     pipe.setInput(source(input, input.size()));
     EXPECT_EQ(thrown([&] { run(pipe); }), "SystemError: execv (" + std::to_string(ENOENT) + ")");
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a started process was left behind";
-}
-
-TEST(Pipe, NonblockWriteShortensAtomicWritesAndKeepsErrno)
-{
     char buf[4096] = {};
     PipeEnds p = makePipe("pipe", O_CLOEXEC | O_NONBLOCK);
     // Fill the pipe, free one page and leave less room than an atomic write needs.

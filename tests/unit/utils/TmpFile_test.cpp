@@ -19,7 +19,6 @@ TEST(TmpFile, AutocleanDecidesWhetherTheFileOutlivesTheObject)
         EXPECT_EQ(errno, EXDEV) << "autoclean " << autoclean;
         EXPECT_EQ(testsupport::slurp(path), autoclean ? "" : "body 42") << "removed or buffered text lost";
     }
-    EXPECT_EQ(testsupport::thrown([&] { zarnet::TmpFile tmp(temp.path() + "/missing/x.", true); }), "SystemError: mkstemp() failed (2)");
     const auto r = testsupport::runInChild([&] { return unlink(zarnet::TmpFile(prefix, true).path().c_str()); });
     EXPECT_EQ(r.status, 0) << r;
     EXPECT_EQ(r.err + "|" + r.out, "TmpFile autoclean failed: No such file or directory\n|") << "standard error only";

@@ -70,12 +70,9 @@ TEST(CppMysqlSandboxed, ExecAndFetch)
     value << zarnet::mysql::value << "it's" << "'";
     EXPECT_EQ(value.queryText(), "it\\'s'") << "value mode must escape once, then be raw";
     for (const char *v : {"both ' and \\ and \"", "\\'", ""}) {
-        conn << "INSERT INTO misc (param, val) VALUES ('cpp-mysql-rt', '" << zarnet::mysql::value << v << "')"
-             << Query::exec;
-        Result r = conn << "SELECT val FROM misc WHERE val='" << zarnet::mysql::value << std::string(v)
-                        << "' AND param='cpp-mysql-rt'" << Query::fetch;
-        Result::row_t row;
-        EXPECT_TRUE(r.fetch(&row) && row["val"].str() == v) << "value not found again: " << v;
+        conn << "INSERT INTO misc (param, val) VALUES ('cpp-mysql-rt', '" << zarnet::mysql::value << v << "')" << Query::exec;
+        conn << "SELECT val FROM misc WHERE param='cpp-mysql-rt' AND val='" << zarnet::mysql::value << std::string(v) << "'";
+        EXPECT_EQ(fetched(conn, "", "val"), v) << "value not found again";
         conn << "DELETE FROM misc WHERE param='cpp-mysql-rt'" << Query::exec;
     }
     const auto rows = [&] {

@@ -18,19 +18,15 @@ protected:
 
 TEST_F(FileStrTest, EditsGiveTheExpectedContent)
 {
-    const int ADD = FILE_STR_ADD, RM = FILE_STR_REMOVE, PAT = FILE_STR_REMOVE_PATTERN;
-    const int PRE = FILE_STR_PREPEND, APP = FILE_STR_APPEND;
-    const int END = FILE_STR_MATCH_END, INSIDE = FILE_STR_MATCH_CONTAIN;
+    const int ADD = FILE_STR_ADD, RM = FILE_STR_REMOVE, PAT = FILE_STR_REMOVE_PATTERN, PRE = FILE_STR_PREPEND;
+    const int APP = FILE_STR_APPEND, END = FILE_STR_MATCH_END, INSIDE = FILE_STR_MATCH_CONTAIN;
     const std::string kLong(10000, 'x'), longFile = kLong + "\nshort\n";
-    // before: null for no file
-    const struct { const char *fault; const char *before; std::vector<std::string> strings; int operation, position;
+    const struct { const char *fault; const char *before; std::string text; int operation, position;
                      std::string want; } cases[] = {
-        {"append_does_not_create_missing_file", nullptr, {"a"}, ADD, APP, "a\n"},
         {"append_glued_to_unterminated_last_line", "a", {"b"}, ADD, APP, "a\nb\n"},
         {"prepend_alters_unterminated_last_line", "b", {"a"}, ADD, PRE, "a\nb"},
         {"remove_by_prefix_or_line_feed_of_line", "a\nb\nab\n", {"a"}, RM, 0, "b\nab\n"},
         {"remove_misses_unterminated_last_line", "a\nb", {"b"}, RM, 0, "a\n"},
-        {"remove_takes_only_first_string_or_line", "a\nb\nc\na\n", {"a", "c"}, RM, 0, "b\n"},
         {"pattern_end_not_applied", "a@ex.com\nb@ex.org\n", {"@ex.com"}, PAT, END, "b@ex.org\n"},
         {"pattern_end_longer_than_line_underflows", "om\n", {".com"}, PAT, END, "om\n"},
         {"pattern_contain_not_applied", "x foo y\nbar\n", {"foo"}, PAT, INSIDE, "bar\n"},
@@ -41,14 +37,8 @@ TEST_F(FileStrTest, EditsGiveTheExpectedContent)
         {"long_line_end_taken_from_first_block", longFile.c_str(), {"xy"}, PAT, END, longFile},
     };
     for (const auto &c : cases) {
-        unlink(path_.c_str());
-        if (c.before != nullptr)
-            spit(path_, c.before);
-        std::vector<const char *> strings;
-        for (const auto &s : c.strings)
-            strings.push_back(s.c_str());
-        strings.push_back(nullptr);
-        EXPECT_EQ(file_strings(path_.c_str(), strings.data(), c.operation, c.position), 0) << c.fault;
+        spit(path_, c.before);
+        EXPECT_EQ(file_str(path_.c_str(), c.text.c_str(), c.operation, c.position), 0) << c.fault;
         EXPECT_EQ(slurp(path_), c.want) << c.fault;
         EXPECT_FALSE(exists(path_ + ".tmp")) << c.fault;
     }
@@ -100,18 +90,7 @@ TEST_F(FileStrTest, FailuresReturnOneReportAndLeaveNothingBehind)
     EXPECT_EQ(slurp(target), "line\nsecret\n");
 }
 
-TEST_F(FileStrTest, LockFailureIsReported)
-{
-    spit(dir_ + "/plain", "x");
-    mk_lock_set_dir_for_testing((dir_ + "/plain/locks").c_str());
-    spit(path_, "a\n");
-    const auto r = testsupport::runInChild([&] { return file_str(path_.c_str(), "b", FILE_STR_ADD, FILE_STR_PREPEND); });
-    const std::string tail = "Error occurred while locking the file " + path_ + ": Not a directory\n\nSystem error 20: Not a directory\n";
-    EXPECT_TRUE(r.status == 1 && r.out.size() >= tail.size() && r.out.substr(r.out.size() - tail.size()) == tail) << r;
-    EXPECT_EQ(slurp(path_), "a\n");
-}
-
-TEST_F(FileStrTest, WaitsForTheFilesLockBeforeEditing)
+TEST_F(FileStrTest, WaitsForTheFilesLockBeforeEditingAndReportsALockFailure)
 {
     spit(path_, "a\n");
     // Started before the lock is taken: one that inherited the locked descriptor would wait for itself.
@@ -134,6 +113,13 @@ TEST_F(FileStrTest, WaitsForTheFilesLockBeforeEditing)
     close(go[1]);
     EXPECT_EQ(editor.wait(), "exit 0");
     EXPECT_EQ(slurp(path_), "b\na\n");
+    spit(dir_ + "/plain", "x");
+    mk_lock_set_dir_for_testing((dir_ + "/plain/locks").c_str());
+    spit(path_, "a\n");
+    const auto r = testsupport::runInChild([&] { return file_str(path_.c_str(), "b", FILE_STR_ADD, FILE_STR_PREPEND); });
+    const std::string tail = "Error occurred while locking the file " + path_ + ": Not a directory\n\nSystem error 20: Not a directory\n";
+    EXPECT_TRUE(r.status == 1 && r.out.size() >= tail.size() && r.out.substr(r.out.size() - tail.size()) == tail) << r;
+    EXPECT_EQ(slurp(path_), "a\n");
 }
 
 } // namespace

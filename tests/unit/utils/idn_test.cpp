@@ -7,7 +7,7 @@
 
 using zarnet::idn::IdnaError;
 
-TEST(Idn, Conversions)
+TEST(Idn, ConversionsAndWhatTheSafeAndUrlVariantsReport)
 {
     using namespace zarnet::idn;
     const std::string label63(63, 'a'), label64(64, 'a'), buecher = "b\xc3\xbc" "cher.example", ace = "xn--bcher-kva.example";
@@ -52,10 +52,6 @@ TEST(Idn, Conversions)
     EXPECT_EQ(texts, "Success|Stringprep error|Punycode error|Contains non-LDH characters|Contains minus|"
                      "Invalid length|ACE prefix not found|Verify error|ACE prefix found|Iconv error|Unknown error|"
                      "Cannot allocate buffer|Unknown error|Unknown error|");
-}
-
-TEST(Idn, SafeVariantsEndTheProcessAndUrlsReportOnBothStreams)
-{
     // 4095 bytes and the terminating NUL fill the static buffer exactly.
     const std::string longest = "http://h/" + std::string(4095 - 9, 'p'), bad = std::string(64, 'a') + ".com";
     const auto url = [](const std::string &u) {
@@ -65,7 +61,7 @@ TEST(Idn, SafeVariantsEndTheProcessAndUrlsReportOnBothStreams)
         };
     };
     const std::string tooLong = "converted URL is too long: 4096 bytes, at most 4095 allowed\n";
-    const struct { const char *fault; std::function<int()> run; int status; std::string out, err; } cases[] = {
+    const struct { const char *fault; std::function<int()> run; int status; std::string out, err; } reports[] = {
         {"toascii failure survived", [&] { return std::free(idn_toascii_safe(bad.c_str())), 0; }, 1, "",
          "idn_toascii(" + bad + ") failed: Invalid length\n"},
         {"URL scheme, user, port or path lost", url("http://us\xc3\xa9r@b\xc3\xbc" "cher.example:8080/p?q#f"), 0,
@@ -75,7 +71,7 @@ TEST(Idn, SafeVariantsEndTheProcessAndUrlsReportOnBothStreams)
          "idn_toascii() failed: Invalid length\n"},
         {"static buffer overrun", url(longest + "p"), 0, tooLong + "(null)|", tooLong},
     };
-    for (const auto &c : cases) {
+    for (const auto &c : reports) {
         const auto r = testsupport::runInChild(c.run);
         EXPECT_EQ(r.status, c.status) << c.fault;
         // A failing safe variant may add the system error line.
