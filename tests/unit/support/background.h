@@ -1,7 +1,5 @@
 // A second process beside the test: a lock holder, a waiting locker, a reader.
-#ifndef MAILTEND_TESTS_BACKGROUND_H
-#define MAILTEND_TESTS_BACKGROUND_H
-
+#pragma once
 #include <sys/types.h>
 
 #include <functional>
@@ -13,11 +11,9 @@ class BackgroundChild {
 public:
     // The child leaves with _exit(body()), or 99 when body throws.
     explicit BackgroundChild(const std::function<int()> &body);
-    // Kills and reaps a child not waited for, so a failed assertion leaves no process.
     ~BackgroundChild();
     BackgroundChild(const BackgroundChild &) = delete;
     BackgroundChild &operator=(const BackgroundChild &) = delete;
-
     pid_t pid() const { return pid_; }
     // Reaps the child; its status as exitText gives it.
     std::string wait();
@@ -33,5 +29,3 @@ std::string exitText(int status);
 std::string readAll(int fd);
 
 } // namespace testsupport
-
-#endif

@@ -1,9 +1,6 @@
 // Runs code in a child process with standard output and standard error
-// captured apart, for code that ends the process or whose contract is what
-// reaches each stream.
-#ifndef MAILTEND_TESTS_CHILD_CAPTURE_H
-#define MAILTEND_TESTS_CHILD_CAPTURE_H
-
+// captured apart.
+#pragma once
 #include <functional>
 #include <ostream>
 #include <string>
@@ -22,5 +19,3 @@ std::ostream &operator<<(std::ostream &os, const ChildResult &r);
 ChildResult runInChild(const std::function<int()> &body);
 
 } // namespace testsupport
-
-#endif

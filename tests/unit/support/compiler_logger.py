@@ -1,21 +1,14 @@
 #!/usr/bin/python3
-"""Stands in front of the table compiler in tests, then runs the real one.
-
-MAILTEND_COMPILER_LOG   file each run's arguments are appended to
-MAILTEND_PROBE_LOCK     lock file to probe: " held" or " free" ends the line
-MAILTEND_COMPILER_FAIL  "ARG:exit" fails a run whose first argument is ARG (any
-                        run without "ARG:"); "kill" compiles, then dies by SIGKILL
-"""
-import fcntl
-import os
-import signal
-import sys
+"""Logs each table-compiler run to $MAILTEND_COMPILER_LOG, then runs the real one.
+MAILTEND_PROBE_LOCK: lock file to probe, " held" or " free" ends the line.
+MAILTEND_COMPILER_FAIL: "[ARG:]exit" fails (a run whose first argument is ARG),
+"[ARG:]kill" compiles, then dies by SIGKILL."""
+import fcntl, os, signal, sys
 
 args = sys.argv[1:]
 line = " ".join(args)
-probe = os.environ.get("MAILTEND_PROBE_LOCK")
-if probe:
-    with open(probe, "a") as f:
+if os.environ.get("MAILTEND_PROBE_LOCK"):
+    with open(os.environ["MAILTEND_PROBE_LOCK"], "a") as f:
         try:
             fcntl.flock(f, fcntl.LOCK_EX | fcntl.LOCK_NB)
             line += " free"
@@ -23,13 +16,11 @@ if probe:
             line += " held"
 with open(os.environ["MAILTEND_COMPILER_LOG"], "a") as log:
     log.write(line + "\n")
-
 when, _, how = os.environ.get("MAILTEND_COMPILER_FAIL", "").rpartition(":")
 postmap = ["/usr/sbin/postmap"] + args
-if how and (when == "" or when == args[0]):
-    if how == "exit":
-        print("postmap: fatal: injected", file=sys.stderr)
-        sys.exit(1)
+if how == "exit" and when in ("", args[0]):
+    sys.exit("postmap: fatal: injected")
+if how == "kill" and when in ("", args[0]):
     if os.fork() == 0:
         os.execv(postmap[0], postmap)
     os.wait()

@@ -1,8 +1,6 @@
-// Private table, lock and configuration directories (main.cf copied from the
-// installed one, given to postconf through MAIL_CONFIG) for tests that run
-// the real Postfix tools, so none touches the machine's own files or locks.
-#ifndef MAILTEND_TESTS_POSTFIX_DIRS_H
-#define MAILTEND_TESTS_POSTFIX_DIRS_H
+// Private table, lock and configuration directories (main.cf copied, given
+// through MAIL_CONFIG) so tests of the real tools touch no machine files or locks.
+#pragma once
 
 #include <map>
 #include <string>
@@ -16,13 +14,11 @@ public:
     ~PostfixDirs();
     PostfixDirs(const PostfixDirs &) = delete;
     PostfixDirs &operator=(const PostfixDirs &) = delete;
-
     std::string table(const std::string &name) const { return "hash:" + tables + "/" + name; }
     std::string source(const std::string &name) const { return tables + "/" + name; }
 
     // postmap -q; "" when the key is absent.
     static std::string query(const std::string &table, const std::string &key);
-    // postmap -s as a map.
     static std::map<std::string, std::string> dump(const std::string &table);
     static void create(const std::string &table);
     // Moves main.cf back in time so the tools do not wait for it to settle.
@@ -31,15 +27,13 @@ public:
     std::string root, tables, locks, config;
 };
 
-// For its lifetime every table-compiler run goes through compiler_logger.py,
-// which logs its arguments and may inject faults before running the real one.
+// For its lifetime every table-compiler run goes through compiler_logger.py.
 class CompilerLog {
 public:
     explicit CompilerLog(const std::string &path);
     ~CompilerLog();
     CompilerLog(const CompilerLog &) = delete;
     CompilerLog &operator=(const CompilerLog &) = delete;
-
     std::vector<std::string> runs() const;
 
 private:
@@ -51,5 +45,3 @@ std::string runProgram(const std::vector<std::string> &argv, int *status = nullp
                        const std::string &input = std::string());
 
 } // namespace testsupport
-
-#endif

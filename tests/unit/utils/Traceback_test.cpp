@@ -1,22 +1,15 @@
 #include "utils/Traceback.h"
 
-#include <gtest/gtest.h>
+#include "test_common.h"
 
 #include <sstream>
 
-namespace {
-
-std::string printed(const zarnet::Traceback &tb)
-{
-    std::ostringstream os;
-    os << tb;
-    return os.str();
-}
-
-} // namespace
-
 TEST(Traceback, PrintsFramesAndCopiesPrintIndependently)
 {
+    const auto printed = [](const zarnet::Traceback &tb) {
+        std::ostringstream os;
+        return (os << tb, os.str());
+    };
     const zarnet::Traceback a;
     const std::string first = printed(a);
     EXPECT_EQ(first.rfind("Traceback:\n\t", 0), 0u) << first;

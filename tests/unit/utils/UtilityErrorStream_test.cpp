@@ -1,12 +1,6 @@
 #include "utils/UtilityErrorStream.h"
 
-#include "support/child_capture.h"
-
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <cstring>
+#include "test_common.h"
 
 TEST(UtilityErrorStream, ErrorAtOnceOutputOncePerLineAndAtExit)
 {

@@ -1,20 +1,11 @@
 #include "utils/product_log.h"
 
-#include "support/child_capture.h"
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstring>
+#include "test_common.h"
 
 TEST(Messlog2, WritesBothStreamsWithOneLineFeedAndEndsOnStatus)
 {
     const std::string big(10000, 'x'); // beyond the first buffer
-    const struct {
-        const char *fault;
-        int status, saved_errno;
-        std::string format, want;
-    } cases[] = {
+    const struct { const char *fault; int status, saved_errno; std::string format, want; } cases[] = {
         {"line feed not added", 0, 0, "plain %d", "plain 5\n"},
         {"existing line feed doubled", 0, 0, "ends %d\n", "ends 5\n"},
         {"errno line missing", 0, ENOENT, "open(%d)", "open(5)\nSystem error 2: No such file or directory\n"},
