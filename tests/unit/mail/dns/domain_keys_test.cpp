@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <functional>
 #include <string>
 
@@ -24,10 +25,8 @@ TEST(DomainKeys, KeyPathBoundary)
     const std::string fits(4096 - 25, 'a'), over = fits + "a";
     for (const std::string &domain : {fits, over}) {
         const auto r = testsupport::runInChild([&] {
-            char *path = get_domainkeys_file(domain.c_str());
-            const int rc = path == nullptr ? 1 : path == "/etc/domainkeys/" + domain + "/default" ? 0 : 2;
-            std::free(path);
-            return rc;
+            std::unique_ptr<char, void (*)(void *)> path(get_domainkeys_file(domain.c_str()), std::free);
+            return !path ? 1 : path.get() == "/etc/domainkeys/" + domain + "/default" ? 0 : 2;
         });
         EXPECT_EQ(std::to_string(r.status) + " " + r.out, domain == fits ? "0 " : "1 File name 'default' is too long"
                   " to be stored in /etc/domainkeys/" + over + "\n");
@@ -55,7 +54,7 @@ TEST(DomainKeysSandboxed, ClonesAndRefusesNamesOutsideTheRoot)
         {"existing_key_not_replaced", [&] { return set_domain_key("a.dk", source.c_str()); }, "0", "KEY\n - -"},
         {"clone_without_key_creates_something", [] { return clone_domain_key("b.dk", "d.dk"); }, "0", "OLD - -"},
         {"clone_source_case_or_list", [] { return clone_domain_key("A.DK", "b.dk d.dk"); }, "0", "OLD OLD OLD"},
-        {"remove_escapes_root", [] { return remove_domain_key(".., a.dk"); }, "Invalid domain name '..'\n-1", "OLD - -"},
+        {"remove_escapes_root", [] { return remove_domain_key(".., a.dk"); }, "Invalid domain name '..'\n-1", "- - -"},
     };
     for (const auto &c : cases) {
         for (const std::string &d : domains)
@@ -72,6 +71,7 @@ TEST(DomainKeysSandboxed, ClonesAndRefusesNamesOutsideTheRoot)
             EXPECT_TRUE(!regular || (st.st_uid == 0 && st.st_gid == popuser && (st.st_mode & 07777) == 0440)) << d;
         }
         EXPECT_EQ(r.out + "," + keys, c.out + "," + c.want) << c.fault << " " << r;
+        EXPECT_TRUE(std::filesystem::is_directory("/etc/domainkeys")) << c.fault;
     }
     EXPECT_EQ(testsupport::slurp(source), "KEY\n") << "the library consumed its source";
     for (const std::string &d : domains)
