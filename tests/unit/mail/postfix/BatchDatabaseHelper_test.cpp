@@ -12,9 +12,7 @@ using testsupport::PostfixDirs;
 using Table = std::map<std::string, std::string>;
 using Runs = std::vector<std::string>;
 
-// The immediate batch of the commands the system tests prove; here the
-// deferred one: one compiler run per table, additions first, and a failed
-// commit that keeps what was not written.
+// The immediate batch the system tests prove; a failed deferred commit keeps what it did not write.
 TEST(BatchCompiler, DeferredCommitAndItsFailure)
 {
     PostfixDirs dirs;

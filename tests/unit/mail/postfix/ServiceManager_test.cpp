@@ -18,33 +18,19 @@ using testsupport::NamedChild;
 using testsupport::slurp;
 using testsupport::spit;
 
-namespace {
-
-// An init script of the test's own, with the master pid file beside it; the
-// script body runs under /bin/sh with $LOG naming the log file.
-class ServiceManagerTest : public ::testing::Test {
-protected:
-    ServiceManagerTest() { ServiceManager::setPathsForTesting(script_, pidFile_); }
-    ~ServiceManagerTest() override { ServiceManager::setPathsForTesting("", ""); }
-
-    void script(const std::string &body)
-    {
+// What the real init script and server show (environment, start, stop,
+// status) the service system tests prove; here the rest of the contract.
+TEST(ServiceManagerTest, ScriptCodesAndStatus)
+{
+    // An init script of the test's own whose body runs with $LOG naming the log.
+    const testsupport::TempDir dir{"service-manager"};
+    const std::string script_ = dir.path() + "/postfix", pidFile_ = dir.path() + "/master.pid", log_ = dir.path() + "/log";
+    ServiceManager::setPathsForTesting(script_, pidFile_);
+    const auto script = [&](const std::string &body) {
         std::remove(log_.c_str());
         spit(script_, "#!/bin/sh\nLOG=" + log_ + "\n" + body + "\n");
         ::chmod(script_.c_str(), 0700);
-    }
-
-    testsupport::TempDir dir_{"service-manager"};
-    std::string script_ = dir_.path() + "/postfix", pidFile_ = dir_.path() + "/master.pid",
-                log_ = dir_.path() + "/log";
-};
-
-} // namespace
-
-// What the real init script and server show (environment, start, stop,
-// status) the service system tests prove; here the rest of the contract.
-TEST_F(ServiceManagerTest, ScriptCodesAndStatus)
-{
+    };
     const struct {
         const char *fault;
         std::string body;
@@ -93,4 +79,5 @@ TEST_F(ServiceManagerTest, ScriptCodesAndStatus)
     EXPECT_EQ(ServiceManager::startServer(), 1);
     const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     EXPECT_TRUE(slurp(log_) == "start\n" && took >= 4.5 && took < 8.0) << took;
+    ServiceManager::setPathsForTesting("", "");
 }
