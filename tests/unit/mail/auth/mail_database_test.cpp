@@ -4,7 +4,6 @@
 #include "support/child_capture.h"
 #include "support/files.h"
 #include "support/sandboxed.h"
-#include "utils/read_configuration.h"
 
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -12,7 +11,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -64,24 +62,13 @@ TEST_F(AuthDbFile, SchemaFromScratch)
     }
 }
 
-TEST_F(AuthDbFile, InitAccessAndStyleFailuresAreReported)
+TEST_F(AuthDbFile, InitAndAccessFailuresAreReported)
 {
     const std::string file = temp_.path() + "/plain", uid = std::to_string(getuid()), gid = std::to_string(getgid());
     testsupport::spit(file, "x");
-    // The style from the features report of a program of the test's own.
-    const std::string conf = temp_.path() + "/zrn.conf", program = temp_.path() + "/admin/sbin/mailtend";
-    std::filesystem::create_directories(temp_.path() + "/admin/sbin");
-    testsupport::spit(program, "#!/bin/sh\n[ \"$1\" = --features ] && cat '" + temp_.path() + "/report'\n");
-    ASSERT_EQ(chmod(program.c_str(), 0755), 0);
-    testsupport::spit(conf, "PRODUCT_ROOT_D " + temp_.path() + "\n");
-    zrn_conf_set_path_for_testing(conf.c_str());
-    const auto style = [this](std::string report) {
-        return [=] { return testsupport::spit(temp_.path() + "/report", report), mailAuthDBDetectStyle(); };
-    };
     const auto on = [](std::string path, std::function<int()> call) {
         return [=] { return mailAuthDBSetPathForTesting(path.c_str()), call(); };
     };
-    const std::string key = "$features['SMTP_Server'] = ";
     const auto access = [] { return mailAuthDBSetAccess(getuid(), getgid(), 0711, 0640); };
     check({
         {"file_in_directory_chain_accepted", on(file + "/passwd.db", mailAuthDBInit), -1,
@@ -93,16 +80,7 @@ TEST_F(AuthDbFile, InitAccessAndStyleFailuresAreReported)
          nullptr},
         {"missing_file_unreported", on(dir_ + "/x.db", access), -1,
          "chown(\"" + dir_ + "/x.db\", " + uid + ", " + gid + ") failed: No such file or directory\n", nullptr},
-        // Lines not naming a style are skipped, with a report when they carry
-        // the key; the first leading part of a style's name counts.
-        {"line_skipped_wrongly_or_first_match_not_taken",
-         style("$features['SMTP_Server_package'] = \"qmail\";\n" + key + "Postfix;\n" + key + "'postfixes';\n" + key +
-               "'post';\n" + key + "'qmail';\n"), 1,
-         "Unparseable line \"" + key + "Postfix;\", skipped\nUnknown server style \"postfixes\", skipped\n", nullptr},
-        {"empty_report_gives_style", style(""), -1,
-         "Unable to determine mail server type from ``mailtend --features''\n", nullptr},
     }, false);
-    zrn_conf_set_path_for_testing(nullptr);
     EXPECT_EQ(modeOf(dir_) + " " + modeOf(db_), "0711 " + uid + ":" + gid + " 0640 " + uid + ":" + gid);
 }
 
