@@ -24,10 +24,10 @@ TEST(CheckOutput, LabelsByMode)
         bool lax, strict;
     } cases[] = {
         {"empty", "", true, true},
-        {"fatal", "postmap: fatal: open /x: No such file or directory\n", false, false},
+        {"error", "postmap: error: open /x: No such file or directory\n", false, false},
         {"warning", "postmap: warning: /x.db: duplicate entry\n", true, true},
         {"notice_fails_only_strict", "postmap: notice: something:\n", true, false},
-        {"last_line_without_feed", "postmap: warning: w: x\npostconf: fatal: f", false, false},
+        {"panic_on_last_line_without_feed", "postmap: warning: w: x\npostconf: panic: f", false, false},
         {"label_needs_following_colon", "postmap: fatal", true, true},
         {"label_not_at_first_word", "postmap: the fatal: thing", true, false},
         {"blanks_before_label", "postmap:    fatal: x", false, false},
