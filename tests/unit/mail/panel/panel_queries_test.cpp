@@ -22,8 +22,7 @@ const char shadow[] = "/etc/zrn/.zrn.shadow";
 const std::string refusal =
     "Unable to connect to Zarnet Database: Access denied for user 'admin'@'localhost' (using password: YES)\n";
 
-// What body returns and logs (on both streams) in a child; with refused, the
-// administrator password is wrong meanwhile.
+// What body logs (on both streams) and returns, in a child; refused: with a wrong password.
 std::string inChild(bool refused, const std::function<std::string()> &body)
 {
     const std::string pw = testsupport::slurp(shadow);
@@ -71,22 +70,15 @@ protected:
 
 TEST_F(PanelQueriesSandboxed, ListsLimitsAndSwitches)
 {
-    const auto limit = [this](std::string dom_id, const char *name, size_t size) {
-        return [=] {
-            std::string out(size, 'X');
-            const int rc = get_dom_Limit(dom_id.c_str(), name, &out[0], size);
-            return std::to_string(rc) + " " + out.c_str();
-        };
+    const auto limit = [](std::string dom_id, const char *name, size_t size) {
+        std::string out(size, 'X');
+        const int rc = get_dom_Limit(dom_id.c_str(), name, &out[0], size);
+        return std::to_string(rc) + " " + out.c_str();
     };
     const auto flag = [](const char *param) {
-        return [=] {
-            Connection conn(false);
-            return std::string(zarnet::mail::restore::getBoolMiscParamSafe(param, conn) ? "on" : "off");
-        };
-    };
-    const auto value = [](const char *param) {
         Connection conn(false);
-        return "=" + zarnet::mail::restore::getStringMiscParam(param, conn);
+        return std::string(zarnet::mail::restore::getBoolMiscParamSafe(param, conn) ? "on=" : "off=") +
+               zarnet::mail::restore::getStringMiscParam(param, conn);
     };
     const struct {
         const char *fault;
@@ -94,45 +86,35 @@ TEST_F(PanelQueriesSandboxed, ListsLimitsAndSwitches)
         std::function<std::string()> call;
         std::string want;
     } cases[] = {
-        // Lists on the queries' own connections are what the authentication
-        // tests rely on; here the caller's, which must stay open.
-        {"aliases_of_other_domain_mixed_in_or_caller_connection_closed", false, [] {
-             MYSQL *conn = db_connect();
-             char **out = nullptr;
-             std::string got = std::to_string(get_aliases_by_mailname(conn, &out, "info", "pq-a.example"));
+        {"aliases_of_other_domain_mixed_in_or_list_failure_unreported", false, [] {
+             char **out = nullptr, **none = nullptr;
+             std::string got = std::to_string(get_aliases_by_mailname(nullptr, &out, "info", "pq-a.example"));
              for (char **p = out; p != nullptr && *p != nullptr; ++p)
                  got += std::string(" ") + *p;
              free_array(out);
-             got += mysql_ping(conn) == 0 ? " open" : " closed";
-             mysql_close(conn);
-             return got;
-         }, "0 hello hi open"},
-        {"list_connection_failure_unreported", true, [] {
+             return got + "," + std::to_string(get_domaliases_by_domain(nullptr, &none, "it's")); },
+         "Unable to get data from mysql database\nUnable to get domain aliases from database for: it's\n0 hello hi,-1"},
+        {"limit_wrong_or_mixed_up_or_missing_one_not_empty_or_exact_fit_refused_or_overlong_truncated", false, [&] {
+             std::string got = limit(domA_, "mbox_quota", 64) + "," + limit(domA_, "max_box", 64) + "," +
+                               limit(domA_, "no_such_limit", 64) + "," + limit(domA_, "mbox_quota", 8) + ",";
+             got += limit(domA_, "mbox_quota", 7) + ",";
+             return got + limit(std::string(2000, '9'), "mbox_quota", 64); },
+         "Unable to query domain limit mbox_quota: the value does not fit the buffer\nUnable to create database query\n"
+         "0 1048576,0 12345678901,0 ,0 1048576,-1 ,-1 "},
+        {"missing_row_true_case_number_or_null_read_wrongly", false, [&] {
+             std::string got;
+             for (const char *param : {"pq_true", "pq_absent", "pq_upper", "pq_one", "pq_null"})
+                 got += flag(param) + " ";
+             return got; }, "on=true off= off=True off=1 off= "},
+        {"refusals_unreported_or_not_a_single_warning", true, [&] {
              char **o = nullptr;
-             return std::to_string(get_mailnames_by_domain(nullptr, &o, "x")); },
-         refusal + "Unable to connect to mysql database\nUnable to get mailnames from domain: x\n-1"},
-        {"list_query_failure_unreported", false, [] {
-             char **o = nullptr;
-             return std::to_string(get_domaliases_by_domain(nullptr, &o, "it's")); },
-         "Unable to get data from mysql database\nUnable to get domain aliases from database for: it's\n-1"},
-        {"limit_value_wrong_or_mixed_up_or_missing_one_not_empty_or_exact_fit_refused", false, [&] {
-             return limit(domA_, "mbox_quota", 64)() + "," + limit(domA_, "max_box", 64)() + "," +
-                    limit(domA_, "no_such_limit", 64)() + "," + limit(domA_, "mbox_quota", 8)(); },
-         "0 1048576,0 12345678901,0 ,0 1048576"},
-        {"overlong_value_truncated_or_query_not_refused", false, [&] {
-             const std::string value = limit(domA_, "mbox_quota", 7)();
-             return value + "," + limit(std::string(2000, '9'), "mbox_quota", 64)(); },
-         "Unable to query domain limit mbox_quota: the value does not fit the buffer\n"
-         "Unable to create database query\n-1 ,-1 "},
-        {"limit_refusal_unreported", true, limit(domA_, "mbox_quota", 16),
-         refusal + "Unable to connect to the mysql database\n-1 "},
-        {"true_not_recognised", false, flag("pq_true"), "on"},
-        {"missing_row_case_number_or_null_read_as_true_or_value_wrong", false, [&] {
-             return flag("pq_absent")() + flag("pq_upper")() + flag("pq_one")() + flag("pq_null")() +
-                    value("pq_absent") + value("pq_upper") + value("pq_one") + value("pq_null"); },
-         "offoffoffoff==True=1="},
-        {"refusal_not_a_single_warning", true, flag("pq_true"),
-         "Warning: MySQL Error on Mail Authentication Type query: connection failed, ignored\noff"},
+             std::string got = std::to_string(get_mailnames_by_domain(nullptr, &o, "x"));
+             got += limit(domA_, "mbox_quota", 16);
+             Connection conn(false);
+             return got + (zarnet::mail::restore::getBoolMiscParamSafe("pq_true", conn) ? "on" : "off"); },
+         refusal + "Unable to connect to mysql database\nUnable to get mailnames from domain: x\n" + refusal +
+         "Unable to connect to the mysql database\nWarning: MySQL Error on Mail Authentication Type query:"
+         " connection failed, ignored\n-1-1 off"},
     };
     for (const auto &c : cases)
         EXPECT_EQ(inChild(c.refused, c.call), c.want) << c.fault;

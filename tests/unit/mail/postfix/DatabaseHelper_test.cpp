@@ -8,9 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <map>
 
@@ -25,36 +24,22 @@ TEST(CheckOutput, LabelsByMode)
         bool lax, strict;
     } cases[] = {
         {"empty", "", true, true},
-        {"one_colon_only", "postmap: nothing to see", true, true},
-        {"colon_at_end", "postmap:", true, true},
-        {"fatal", "postmap: fatal: open /x: No such file or directory\n", false, false},
-        {"error", "postmap: error: bad\n", false, false},
-        {"panic", "postmap: panic: bad\n", false, false},
+        {"error", "postmap: error: open /x: No such file or directory\n", false, false},
         {"warning", "postmap: warning: /x.db: duplicate entry\n", true, true},
         {"notice_fails_only_strict", "postmap: notice: something:\n", true, false},
-        {"fatal_on_later_line", "postmap: warning: w:\npostmap: fatal: f\n", false, false},
-        {"last_line_without_feed", "postmap: warning: w: x\npostconf: fatal: f", false, false},
+        {"panic_on_last_line_without_feed", "postmap: warning: w: x\npostconf: panic: f", false, false},
         {"label_needs_following_colon", "postmap: fatal", true, true},
         {"label_not_at_first_word", "postmap: the fatal: thing", true, false},
         {"blanks_before_label", "postmap:    fatal: x", false, false},
         {"tab_is_not_a_blank", "postmap:\tfatal: x", true, false},
-        {"label_is_last_char", "x: y", true, true},
     };
-    for (const auto &c : cases) {
-        EXPECT_EQ(DatabaseHelper::checkOutput(c.output, false), c.lax) << c.name << " (lax)";
-        EXPECT_EQ(DatabaseHelper::checkOutput(c.output, true), c.strict) << c.name << " (strict)";
-    }
+    for (const auto &c : cases)
+        EXPECT_EQ(DatabaseHelper::checkOutput(c.output, false) * 2 + DatabaseHelper::checkOutput(c.output, true),
+                  c.lax * 2 + c.strict) << c.name << " (lax, strict)";
 }
 
 TEST(DatabaseHelper, TextFormsAndRefusedRecords)
 {
-    const RecordList records{{"a@x.test", "a@x.test"}, {"@x.test", "\"|/bin/prog 'q'\""}};
-    std::vector<char> buffer;
-    RecordList::const_iterator pos = records.begin();
-    EXPECT_TRUE(DatabaseHelper::formRecord(buffer, pos, records.end()));
-    EXPECT_FALSE(DatabaseHelper::formRecord(buffer, pos, records.end()));
-    EXPECT_FALSE(DatabaseHelper::formRecord(buffer, pos, records.end()));
-    EXPECT_EQ(std::string(buffer.begin(), buffer.end()), "a@x.test a@x.test\n@x.test \"|/bin/prog 'q'\"\n");
     EXPECT_EQ(DatabaseHelper::sourcePath("hash:/var/x") + DatabaseHelper::sourcePath("/var/x") +
                   DatabaseHelper::sourcePath("pcre:/a:b"), "/var/x/var/x/a:b");
 
@@ -63,12 +48,9 @@ TEST(DatabaseHelper, TextFormsAndRefusedRecords)
     const RecordList bad[] = {{{"key with blank", "v"}}, {{"key\twith-tab", "v"}}, {{"", "v"}}, {{"#comment", "v"}},
                               {{"\vcontinues", "v"}},    {{"k\r", "v"}},           {{"k", "line\nfeed"}},
                               {{"k", "carriage\rreturn"}}, {{"k", ""}},           {{"good", "v"}, {"k\n", "v"}}};
-    for (const RecordList &records : bad) {
+    for (const RecordList &records : bad)
         EXPECT_THROW(DatabaseHelper::addRecords(table, records.begin(), records.end()), std::invalid_argument)
             << records.back().first;
-        EXPECT_THROW(DatabaseHelper::replaceRecords(table, records.begin(), records.end()), std::invalid_argument)
-            << records.back().first;
-    }
     EXPECT_THROW(DatabaseHelper::removeRecord(table, "a b"), std::invalid_argument);
     const std::vector<std::string> keys{"ok", "bad\n"};
     EXPECT_THROW(DatabaseHelper::removeRecords(table, keys.begin(), keys.end()), std::invalid_argument);
@@ -89,13 +71,7 @@ protected:
     // Anything but the indexed table itself left in the table directory.
     bool sourceLeft() const
     {
-        int names = 0;
-        DIR *d = opendir(dirs.tables.c_str());
-        while (const dirent *e = readdir(d))
-            names += std::string(e->d_name) != "." && std::string(e->d_name) != ".." &&
-                     std::string(e->d_name) != "virtual.db";
-        closedir(d);
-        return names != 0;
+        return std::distance(std::filesystem::directory_iterator(dirs.tables), {}) != 1;
     }
 };
 
@@ -118,35 +94,37 @@ std::string caught(const std::function<void()> &fn)
 
 } // namespace
 
-TEST_F(DatabaseHelperCompiler, WholeTableChangesLeaveNoSource)
+// Each change under the table's lock, whole tables through more than a pipe
+// holds, and no source left.
+TEST_F(DatabaseHelperCompiler, ChangesUnderTheLockLeaveNoSource)
 {
+    char *lockFile = mk_flock_path(dirs.source("virtual").c_str());
+    setenv("MAILTEND_PROBE_LOCK", lockFile, 1);
     RecordList many{{"@x.test", "\"|/usr/lib/prog 'two words'\""}};
-    for (int i = 0; i < 20000; ++i) // more than a pipe holds
+    for (int i = 0; i < 20000; ++i)
         many.emplace_back("u" + std::to_string(i) + "@x.test", "u" + std::to_string(i) + "@y.test");
     DatabaseHelper::addRecords(table, many.begin(), many.end());
     DatabaseHelper::addRecord(table, "u1@x.test", "z@y.test"); // replaces
     Table t = PostfixDirs::dump(table);
-    EXPECT_EQ(t.size(), 20001u);
-    EXPECT_EQ(t["u19999@x.test"] + " " + t["u1@x.test"] + " " + t["@x.test"],
-              "u19999@y.test z@y.test \"|/usr/lib/prog 'two words'\"");
-
-    const RecordList now{{"a@old.test", "a@old.test"}, {"b@old.test", "b@old.test,c@other.test"},
-                         {"c@other.test", "a@old.test c@other.test"}, {"old.test", "old.test/"}};
+    EXPECT_EQ(std::to_string(t.size()) + " " + t["u19999@x.test"] + " " + t["u1@x.test"] + " " + t["@x.test"],
+              "20001 u19999@y.test z@y.test \"|/usr/lib/prog 'two words'\"");
+    const std::vector<std::string> keys{"b@x.test"};
+    DatabaseHelper::removeRecord(table, "a@x.test");
+    DatabaseHelper::removeRecords(table, keys.begin(), keys.end());
+    const RecordList now{{"b@old.test", "b@old.test,c@other.test"}, {"old.test", "old.test/"}};
     DatabaseHelper::replaceRecords(table, now.begin(), now.end());
-    EXPECT_EQ(PostfixDirs::dump(table).size(), 4u) << "replacement kept other records";
-    const std::string from = "old.test", to = "new.test";
     using namespace zarnet::mail::postfix::database;
+    const std::string from = "old.test", to = "new.test";
     DatabaseHelper::filterRecords(table, ElementsFilter<ReplaceDomainPart>(ReplaceDomainPart(from, to, false)));
-    EXPECT_EQ(PostfixDirs::dump(table), (Table{{"a@new.test", "a@new.test"},
-                                               {"b@new.test", "b@new.test, c@other.test"},
-                                               {"c@other.test", "a@new.test, c@other.test"},
-                                               {"new.test", "old.test/"}}));
-    DatabaseHelper::filterRecords(table, ElementsFilter<NotInDomainFilter>(NotInDomainFilter(to, false)));
-    EXPECT_EQ(PostfixDirs::dump(table), (Table{{"c@other.test", "c@other.test"}}));
-    const RecordList none;
-    DatabaseHelper::replaceRecords(table, none.begin(), none.end());
-    EXPECT_TRUE(PostfixDirs::dump(table).empty());
+    unsetenv("MAILTEND_PROBE_LOCK");
+    std::free(lockFile);
+    EXPECT_EQ(PostfixDirs::dump(table), (Table{{"b@new.test", "b@new.test, c@other.test"}, {"new.test", "old.test/"}}))
+        << "replacement kept other records or filter missed";
     EXPECT_FALSE(sourceLeft());
+    const std::vector<std::string> got = compilerLog.runs();
+    ASSERT_EQ(got.size(), 7u);
+    for (const std::string &run : got)
+        EXPECT_EQ(run.substr(run.size() - 5), " held") << run;
 }
 
 TEST_F(DatabaseHelperCompiler, FailuresLeaveTheLiveTable)
@@ -170,7 +148,6 @@ TEST_F(DatabaseHelperCompiler, FailuresLeaveTheLiveTable)
         {"filter_compile_failure_ignored", rebuild + ":exit", filter(table, false), "configuration: postmap: fatal: injected\n"},
         {"filter_compile_killed_after_writing", rebuild + ":kill", filter(table, false), "configuration: unknown error"},
         {"replace_compile_failure_ignored", "-r:exit", replace(table), "configuration: postmap: fatal: injected\n"},
-        {"replace_compile_killed_after_writing", "-r:kill", replace(table), "configuration: unknown error"},
         {"removal_killed_taken_for_absent_key", "-d:kill", [&] { DatabaseHelper::removeRecord(table, "x@x.test"); },
          "database: "},
         {"throwing_filter_leaves_source", "", [&] {
@@ -178,7 +155,6 @@ TEST_F(DatabaseHelperCompiler, FailuresLeaveTheLiveTable)
          "other: broke"},
         {"dump_failure_of_unbuilt_table_ignored", "", filter(dirs.table("never-built"), true), "configuration: postmap"},
         {"unwritable_replace_source_unreported", "", replace(lost), "system 2: "},
-        {"unwritable_filter_source_unreported", "", filter(lost, true), "system 2: "},
     };
     for (const auto &c : cases) {
         setenv("MAILTEND_COMPILER_FAIL", c.fail.c_str(), 1);
@@ -189,30 +165,4 @@ TEST_F(DatabaseHelperCompiler, FailuresLeaveTheLiveTable)
         EXPECT_FALSE(sourceLeft()) << c.name;
     }
     EXPECT_NE(caught(replace(lost)).find("no-such-dir/.virtual.rebuild"), std::string::npos) << "path not named";
-}
-
-TEST_F(DatabaseHelperCompiler, EveryChangeHoldsTheTableLock)
-{
-    char *lockFile = mk_flock_path(dirs.source("virtual").c_str());
-    setenv("MAILTEND_PROBE_LOCK", lockFile, 1);
-    const RecordList one{{"a@x.test", "a@x.test"}};
-    const std::vector<std::string> keys{"b@x.test"};
-    DatabaseHelper::addRecords(table, one.begin(), one.end());
-    DatabaseHelper::removeRecord(table, "a@x.test");
-    DatabaseHelper::removeRecords(table, keys.begin(), keys.end());
-    DatabaseHelper::replaceRecords(table, one.begin(), one.end());
-    bool heldInFilter = false;
-    DatabaseHelper::filterRecords(table, [&](std::string &) {
-        lock_struct_t *probe = mk_nonblock_lock(lockFile, 0);
-        heldInFilter = is_already_locked(probe);
-        rm_lock(probe);
-        return true;
-    });
-    unsetenv("MAILTEND_PROBE_LOCK");
-    std::free(lockFile);
-    EXPECT_TRUE(heldInFilter);
-    const std::vector<std::string> got = compilerLog.runs();
-    ASSERT_EQ(got.size(), 6u);
-    for (const std::string &run : got)
-        EXPECT_EQ(run.substr(run.size() - 5), " held") << run;
 }

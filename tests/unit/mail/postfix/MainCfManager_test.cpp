@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 using zarnet::mail::postfix::MainCfManager;
-using zarnet::mail::postfix::SingleCompoundStringValueAppender;
 using List = std::vector<std::string>;
 
 TEST(MainCfLists, SimpleAndCompoundSplitting)
@@ -13,13 +12,10 @@ TEST(MainCfLists, SimpleAndCompoundSplitting)
         List simple, compound;
     } cases[] = {
         {"", {}, {}},
-        {"127.0.0.0/8", {"127.0.0.0/8"}, {"127.0.0.0/8"}},
-        {"a,c", {"a", "c"}, {"a", "c"}},
         {"a, b,,c ,\t d", {"a", "b", "c", "d"}, {"a", "b", "c", "d"}},
         {"permit_mynetworks, check_client_access pcre:/x.re, reject",
          {"permit_mynetworks", "check_client_access", "pcre:/x.re", "reject"},
          {"permit_mynetworks", "check_client_access pcre:/x.re", "reject"}},
-        {" , ,", {}, {}},
         {"[2001:db8::]/32 10.0.0.0/8", {"[2001:db8::]/32", "10.0.0.0/8"},
          {"[2001:db8::]/32 10.0.0.0/8"}},
     };
@@ -27,29 +23,7 @@ TEST(MainCfLists, SimpleAndCompoundSplitting)
         EXPECT_EQ(MainCfManager::splitSimpleList(c.text), c.simple) << c.text;
         EXPECT_EQ(MainCfManager::splitCompoundList(c.text), c.compound) << c.text;
     }
-    EXPECT_EQ(MainCfManager::joinList({"a", "b c", "d"}), "a, b c, d");
-    EXPECT_EQ(MainCfManager::joinList({}), "");
-}
-
-TEST(SingleCompoundStringValueAppender, AppendsOnlyWhenAbsent)
-{
-    const struct {
-        List pieces;
-        const char *value;
-        List want;
-    } cases[] = {
-        {{}, "reject", {"reject"}},
-        {{"permit", "reject"}, "reject", {"permit", "reject"}},
-        {{"permit"}, " reject ", {"permit", " reject "}},
-        {{"permit", "reject"}, "  reject\t", {"permit", "reject"}},
-        {{"check_client_access pcre:/a"}, "check_client_access pcre:/b",
-         {"check_client_access pcre:/a", "check_client_access pcre:/b"}},
-    };
-    for (const auto &c : cases) {
-        List pieces = c.pieces;
-        SingleCompoundStringValueAppender(c.value)(pieces);
-        EXPECT_EQ(pieces, c.want) << c.value;
-    }
+    EXPECT_EQ(MainCfManager::joinList({"a", "b c", "d"}) + MainCfManager::joinList({}), "a, b c, d");
 }
 
 // ---- against the real configuration tool, on a private main.cf ----
@@ -57,81 +31,39 @@ TEST(SingleCompoundStringValueAppender, AppendsOnlyWhenAbsent)
 #include "mail/postfix/PostfixError.h"
 #include "support/postfix_dirs.h"
 
-#include <sys/stat.h>
-
 #include <cstdlib>
 #include <memory>
 
-namespace {
-
-class MainCfTool : public testing::Test {
-protected:
-    static std::unique_ptr<testsupport::PostfixDirs> dirs;
-    static void SetUpTestSuite() { dirs.reset(new testsupport::PostfixDirs); }
-    static void TearDownTestSuite() { dirs.reset(); }
-
-    const MainCfManager &cf() { return MainCfManager::getInstance(); }
-
-    // Sets a value directly and lets main.cf settle.
-    void set(const std::string &name, const std::string &value)
-    {
+// Plain reads, writes and network-list edits the white-list and size
+// system tests prove; here quoting, compound lists and the failure text.
+TEST(MainCfTool, ReadsWritesAndListEdits)
+{
+    const auto dirs = std::make_unique<testsupport::PostfixDirs>();
+    const MainCfManager &cf = MainCfManager::getInstance();
+    // A value set directly, with main.cf settled after it.
+    const auto set = [&](const std::string &name, const std::string &value) {
         testsupport::runProgram({"/usr/sbin/postconf", "-e", name + "=" + value});
         dirs->settle();
-    }
-    std::string get(const std::string &name)
-    {
-        std::string v = testsupport::runProgram({"/usr/sbin/postconf", "-h", name});
-        if (!v.empty() && v.back() == '\n')
-            v.pop_back();
-        return v;
-    }
-    // True when main.cf was written since the last settle().
-    bool written()
-    {
-        struct stat st;
-        stat((dirs->config + "/main.cf").c_str(), &st);
-        const bool w = st.st_mtime > time(nullptr) - 3;
-        dirs->settle();
-        return w;
-    }
-};
-
-std::unique_ptr<testsupport::PostfixDirs> MainCfTool::dirs;
-
-} // namespace
-
-// Plain reads, writes and network-list edits the white-list and size
-// system tests prove; here the rest.
-TEST_F(MainCfTool, ReadsWritesAndListEdits)
-{
+    };
+    const auto get = [](const std::string &name) {
+        const std::string v = testsupport::runProgram({"/usr/sbin/postconf", "-h", name});
+        return v.substr(0, v.find_last_not_of('\n') + 1);
+    };
     set("smtpd_banner", "  $myhostname ESMTP two words ");
     set("message_size_limit", "5000");
-    EXPECT_EQ(cf().getStringValue("smtpd_banner", false) + "|" + cf().getStringValue("message_size_limit", true) +
-                  "|" + cf().getStringValue("no_such_parameter_here", false), // only warned about
+    EXPECT_EQ(cf.getStringValue("smtpd_banner", false) + "|" + cf.getStringValue("message_size_limit", true) +
+                  "|" + cf.getStringValue("no_such_parameter_here", false), // only warned about
               "$myhostname ESMTP two words|10240000|");
-    cf().replaceStringValue("smtpd_banner", "$myhostname; rm -rf / `x` \"q\"");
+    cf.replaceStringValue("smtpd_banner", "$myhostname; rm -rf / `x` \"q\"");
     dirs->settle();
     EXPECT_EQ(get("smtpd_banner"), "$myhostname; rm -rf / `x` \"q\"") << "not one argument verbatim";
 
-    set("relay_domains", "a,c");
-    cf().appendStringValue("relay_domains", "c");
-    EXPECT_FALSE(written()) << "present element rewrote a list other than mynetworks";
-    cf().appendStringValue("relay_domains", "b");
-    dirs->settle();
-    EXPECT_EQ(get("relay_domains"), "a,c, b");
-    for (const char *before : {"a, b,,c", "b, b"}) {
-        set("mynetworks", before);
-        cf().removeListElement("mynetworks", "b");
-        dirs->settle();
-        EXPECT_EQ(get("mynetworks"), std::string(before) == "b, b" ? "" : "a, c") << before;
-    }
-
     set("smtpd_recipient_restrictions", "permit_mynetworks,  check_client_access pcre:/x.re ,reject_unauth_destination");
-    cf().appendCompoundStringValue("smtpd_recipient_restrictions", "check_client_access pcre:/x.re");
+    cf.appendCompoundStringValue("smtpd_recipient_restrictions", "check_client_access pcre:/x.re");
     dirs->settle();
     EXPECT_EQ(get("smtpd_recipient_restrictions"),
               "permit_mynetworks, check_client_access pcre:/x.re, reject_unauth_destination");
-    cf().filterStringValues("smtpd_recipient_restrictions", [](std::vector<std::string> &pieces) {
+    cf.filterStringValues("smtpd_recipient_restrictions", [](std::vector<std::string> &pieces) {
         pieces.erase(pieces.begin());
         pieces.insert(pieces.begin(), "permit_sasl_authenticated");
         pieces.push_back("reject");
@@ -142,7 +74,7 @@ TEST_F(MainCfTool, ReadsWritesAndListEdits)
 
     setenv("MAIL_CONFIG", (dirs->root + "/missing").c_str(), 1);
     try {
-        cf().replaceStringValue("mynetworks", "10.0.0.0/8");
+        cf.replaceStringValue("mynetworks", "10.0.0.0/8");
         ADD_FAILURE() << "write succeeded";
     } catch (const zarnet::mail::postfix::PostfixConfigurationError &e) {
         EXPECT_NE(std::string(e.what()).find("postconf: fatal: "), std::string::npos) << e.what();
