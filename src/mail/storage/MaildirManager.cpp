@@ -6,8 +6,8 @@
 #include "utils/file_tree.h"
 #include "utils/read_configuration.h"
 
-// Failures reach the command layer, which prints the exception's class and
-// text: they stay Boost.Filesystem's errors, in its wording.
+// Boost.Filesystem, not the standard one: the command layer prints a
+// failure's class and text, and those are Boost's.
 #include <boost/filesystem/operations.hpp>
 #include <boost/system/error_code.hpp>
 
@@ -19,8 +19,7 @@
 #include <cerrno>
 #include <exception>
 
-namespace fs = std::filesystem;
-namespace bfs = boost::filesystem;
+namespace fs = boost::filesystem;
 
 namespace zarnet {
 namespace mail {
@@ -40,26 +39,11 @@ private:
     mode_t old_;
 };
 
-bfs::path bpath(const fs::path &path)
-{
-    return bfs::path(path.native());
-}
-
 [[noreturn]] void throwFs(const char *what, const fs::path &path, int code)
 {
     errno = code;
-    throw bfs::filesystem_error(what, bpath(path),
-                                boost::system::error_code(code, boost::system::system_category()));
-}
-
-// Appends one name the way the error texts have always shown it: an empty
-// name adds nothing and a leading slash neither doubles nor replaces.
-fs::path join(const fs::path &base, const std::string &name)
-{
-    std::string joined = base.native();
-    if (!name.empty() && !joined.empty() && joined.back() != '/' && name.front() != '/')
-        joined += '/';
-    return joined + name;
+    throw fs::filesystem_error(what, path,
+                               boost::system::error_code(code, boost::system::system_category()));
 }
 
 // A name that is empty, "." or ".." or holds a slash would make the path
@@ -134,8 +118,8 @@ void backupOrThrow(const fs::path &path)
     fs::path saved;
     if (!backupRename(path, saved)) {
         const int code = errno;
-        throw bfs::filesystem_error("rename", bpath(path), bpath(saved),
-                                    boost::system::error_code(code, boost::system::system_category()));
+        throw fs::filesystem_error("rename", path, saved,
+                                   boost::system::error_code(code, boost::system::system_category()));
     }
 }
 
@@ -173,17 +157,17 @@ fs::path MaildirManager::getDomainRelativeRoot(const std::string &domain)
 fs::path MaildirManager::getMailnameRelativeHome(const std::string &domain,
                                                  const std::string &mailname)
 {
-    return join(domain, mailname);
+    return fs::path(domain) / mailname;
 }
 
 fs::path MaildirManager::getDomainRoot(const std::string &domain)
 {
-    return join(getMailnamesRoot(), domain);
+    return getMailnamesRoot() / getDomainRelativeRoot(domain);
 }
 
 fs::path MaildirManager::getMailnameHome(const std::string &domain, const std::string &mailname)
 {
-    return join(getMailnamesRoot(), getMailnameRelativeHome(domain, mailname).native());
+    return getMailnamesRoot() / getMailnameRelativeHome(domain, mailname);
 }
 
 void MaildirManager::createDomainRoot(const std::string &domain) const
@@ -191,7 +175,7 @@ void MaildirManager::createDomainRoot(const std::string &domain) const
     const fs::path root = getDomainRoot(domain);
     checkComponent(domain, root);
     UmaskGuard mask(077);
-    bfs::create_directories(bpath(root));
+    fs::create_directories(root);
     ownPath(root, 0, gid_, 0750);
 }
 
@@ -204,7 +188,7 @@ void MaildirManager::createMailnameHome(const std::string &domain,
     std::exception_ptr failure;
     int failureErrno = 0;
     try {
-        bfs::create_directories(bpath(home));
+        fs::create_directories(home);
         // The home's own name sits in the root-owned domain directory, out
         // of popuser's reach, so it may be opened by its path.
         FdOwner homeFd(fd_io::open_retry(home.c_str(), O_RDONLY | O_DIRECTORY));
@@ -219,7 +203,7 @@ void MaildirManager::createMailnameHome(const std::string &domain,
             const int parentFd = d.parent < 0 ? homeFd.get() : opened[d.parent].get();
             opened[i] = makeBelow(parentFd, d.name, home / relative[i], uid_, gid_);
         }
-    } catch (const bfs::filesystem_error &e) {
+    } catch (const fs::filesystem_error &e) {
         failureErrno = e.code().value() != 0 ? e.code().value() : errno;
         failure = std::current_exception();
     } catch (...) {
@@ -240,7 +224,7 @@ void MaildirManager::renameDomainRoot(const std::string &oldDomain,
     const fs::path to = getDomainRoot(newDomain);
     checkComponent(oldDomain, from);
     checkComponent(newDomain, to);
-    bfs::rename(bpath(from), bpath(to));
+    fs::rename(from, to);
 }
 
 void MaildirManager::renameMailnameHome(const std::string &domain, const std::string &oldMailname,
@@ -251,7 +235,7 @@ void MaildirManager::renameMailnameHome(const std::string &domain, const std::st
     checkComponent(domain, from);
     checkComponent(oldMailname, from);
     checkComponent(newMailname, to);
-    bfs::rename(bpath(from), bpath(to));
+    fs::rename(from, to);
 }
 
 void MaildirManager::backupDomainRoot(const std::string &domain) const
@@ -277,7 +261,7 @@ void MaildirManager::removeDomainRoot(const std::string &domain) const
     try {
         if (!backupRename(root, doomed))
             doomed = root;
-    } catch (const bfs::filesystem_error &) {
+    } catch (const fs::filesystem_error &) {
         doomed = root;
     }
     if (!doomed.empty())
@@ -300,7 +284,7 @@ bool backupRename(const fs::path &path, fs::path &out)
         return true;
     }
     out = fs::path(path.string() + ".ZarnetSaved." + std::to_string(st.st_ino));
-    bfs::rename(bpath(path), bpath(out));
+    fs::rename(path, out);
     return true;
 }
 

@@ -16,9 +16,10 @@
 #ifndef MAILTEND_MAIL_STORAGE_MAILDIRMANAGER_H
 #define MAILTEND_MAIL_STORAGE_MAILDIRMANAGER_H
 
+#include <boost/filesystem/path.hpp>
+
 #include <sys/types.h>
 
-#include <filesystem>
 #include <string>
 
 namespace zarnet {
@@ -36,12 +37,12 @@ public:
     gid_t popuserGid() const { return gid_; }
 
     // Domain and mailname are used exactly as given.
-    static std::filesystem::path getMailnamesRoot();
-    static std::filesystem::path getDomainRelativeRoot(const std::string &domain);
-    static std::filesystem::path getMailnameRelativeHome(const std::string &domain,
+    static boost::filesystem::path getMailnamesRoot();
+    static boost::filesystem::path getDomainRelativeRoot(const std::string &domain);
+    static boost::filesystem::path getMailnameRelativeHome(const std::string &domain,
                                                          const std::string &mailname);
-    static std::filesystem::path getDomainRoot(const std::string &domain);
-    static std::filesystem::path getMailnameHome(const std::string &domain,
+    static boost::filesystem::path getDomainRoot(const std::string &domain);
+    static boost::filesystem::path getMailnameHome(const std::string &domain,
                                                  const std::string &mailname);
 
     // An existing tree is accepted; owners and modes are set again.
@@ -79,7 +80,7 @@ private:
 // name in out. A missing path (or a non-directory on the way) renames
 // nothing, sets out empty and succeeds. false, with errno, when the status
 // of path cannot be taken otherwise (out untouched); a failed rename throws.
-bool backupRename(const std::filesystem::path &path, std::filesystem::path &out);
+bool backupRename(const boost::filesystem::path &path, boost::filesystem::path &out);
 
 } // namespace mail
 } // namespace zarnet

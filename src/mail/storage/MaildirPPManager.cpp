@@ -5,9 +5,7 @@
 #include "utils/UtilityErrorStream.h"
 #include "utils/fd_io.h"
 
-// The command layer prints a failure's class and text: Boost.Filesystem's
-// error it has always been.
-#include <boost/filesystem/exception.hpp>
+#include <boost/filesystem/operations.hpp>
 #include <boost/system/error_code.hpp>
 
 #include <sys/stat.h>
@@ -17,7 +15,7 @@
 #include <memory>
 #include <ostream>
 
-namespace fs = std::filesystem;
+namespace fs = boost::filesystem;
 
 namespace zarnet {
 namespace mail {
@@ -26,17 +24,8 @@ namespace {
 
 [[noreturn]] void fail(const char *text, const fs::path &path)
 {
-    throw boost::filesystem::filesystem_error(
-        text, boost::filesystem::path(path.native()),
-        boost::system::error_code(0, boost::system::system_category()));
-}
-
-// A failed procedural step becomes the error for the path, formed only then.
-template <typename PathOf>
-void check(int ok, const char *text, PathOf pathOf)
-{
-    if (!ok)
-        fail(text, pathOf());
+    throw fs::filesystem_error(text, path,
+                               boost::system::error_code(0, boost::system::system_category()));
 }
 
 struct CFreeDeleter {
@@ -52,6 +41,8 @@ MaildirPPManager &MaildirPPManager::getInstance()
     return instance;
 }
 
+// The base's shared instance is this one: defined here, so that the base
+// does not depend on its quota face.
 MaildirManager &MaildirManager::getInstance()
 {
     return MaildirPPManager::getInstance();
@@ -98,32 +89,32 @@ void MaildirPPManager::setMailboxQuota(const std::string &domain, const std::str
 void MaildirPPManager::removeMailboxQuota(const std::string &domain,
                                           const std::string &mailname) const
 {
-    check(rm_mbox_quota(domain.c_str(), mailname.c_str()), "unable to remove quota",
-          [&] { return getMailnameHome(domain, mailname); });
+    if (!rm_mbox_quota(domain.c_str(), mailname.c_str()))
+        fail("unable to remove quota", getMailnameHome(domain, mailname));
 }
 
 void MaildirPPManager::setDomainQuota(const std::string &domain, long long quota) const
 {
-    check(store_domain_quota(domain.c_str(), quota), "unable to store domain quota",
-          [&] { return getDomainRoot(domain); });
+    if (!store_domain_quota(domain.c_str(), quota))
+        fail("unable to store domain quota", getDomainRoot(domain));
 }
 
 void MaildirPPManager::removeDomainQuota(const std::string &domain) const
 {
-    check(rm_domain_quota(domain.c_str()), "unable to remove domain quota",
-          [&] { return getDomainRoot(domain); });
+    if (!rm_domain_quota(domain.c_str()))
+        fail("unable to remove domain quota", getDomainRoot(domain));
 }
 
 void MaildirPPManager::setDefaultMailboxQuota(const std::string &domain, long long quota) const
 {
-    check(store_default_mbox_quota(domain.c_str(), quota), "unable to store default mbox quota",
-          [&] { return getDomainRoot(domain); });
+    if (!store_default_mbox_quota(domain.c_str(), quota))
+        fail("unable to store default mbox quota", getDomainRoot(domain));
 }
 
 void MaildirPPManager::removeDefaultMailboxQuota(const std::string &domain) const
 {
-    check(rm_default_mbox_quota(domain.c_str()), "unable to remove default mbox quota",
-          [&] { return getDomainRoot(domain); });
+    if (!rm_default_mbox_quota(domain.c_str()))
+        fail("unable to remove default mbox quota", getDomainRoot(domain));
 }
 
 } // namespace mail

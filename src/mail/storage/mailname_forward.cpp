@@ -38,38 +38,20 @@ CString ascii_address(const char *address)
     return ascii;
 }
 
-// "&" and the address in ASCII form for the file at path, which must not be
-// a link; a removal compares whole lines, line feed included. Null after a
-// report.
-CString forward_line(const char *path, const char *address, bool for_removal)
-{
-    const CString ascii = ascii_address(address);
-    if (!ascii)
-        return nullptr;
-    char *formed = nullptr;
-    if (asprintf(&formed, for_removal ? "&%s\n" : "&%s", ascii.get()) < 0) {
-        dotqmail_fail(errno,
-                      for_removal ? "asprintf(\"&%%s\", %s): %s" : "asprintf(\"&%%s\", %s) failed: %s",
-                      ascii.get(), std::strerror(errno));
-        return nullptr;
-    }
-    CString line(formed);
-    if (dotqmail_refuse_link(path) != 0) {
-        dotqmail_fail(errno, for_removal ? "Unable to remove string from %s file."
-                                         : "Unable to add string to %s file.",
-                      path);
-        return nullptr;
-    }
-    return line;
-}
-
 } // namespace
 
 int dotqmail_add_forward(const char *path, const char *address)
 {
-    const CString line = forward_line(path, address, false);
-    if (!line)
+    const CString ascii = ascii_address(address);
+    if (!ascii)
         return -1;
+    char *formed = nullptr;
+    if (asprintf(&formed, "&%s", ascii.get()) < 0)
+        return dotqmail_fail(errno, "asprintf(\"&%%s\", %s) failed: %s", ascii.get(), std::strerror(errno));
+    const CString line(formed);
+
+    if (dotqmail_refuse_link(path) != 0)
+        return dotqmail_fail(errno, "Unable to add string to %s file.", path);
     file_str(path, line.get(), FILE_STR_REMOVE, 0);
     if (file_str(path, line.get(), FILE_STR_ADD, FILE_STR_PREPEND) != 0)
         return dotqmail_fail(errno, "Unable to add string to %s file.", path);
@@ -78,8 +60,17 @@ int dotqmail_add_forward(const char *path, const char *address)
 
 int dotqmail_remove_forward(const char *path, const char *address)
 {
-    const CString line = forward_line(path, address, true);
-    if (line && file_str(path, line.get(), FILE_STR_REMOVE, 0) == 0)
-        return dotqmail_set_owner(path);
-    return line ? dotqmail_fail(errno, "Unable to remove string from %s file.", path) : -1;
+    const CString ascii = ascii_address(address);
+    if (!ascii)
+        return -1;
+    char *formed = nullptr;
+    if (asprintf(&formed, "&%s\n", ascii.get()) < 0)
+        return dotqmail_fail(errno, "asprintf(\"&%%s\", %s): %s", ascii.get(), std::strerror(errno));
+    const CString line(formed);
+
+    if (dotqmail_refuse_link(path) != 0)
+        return dotqmail_fail(errno, "Unable to remove string from %s file.", path);
+    if (file_str(path, line.get(), FILE_STR_REMOVE, 0) != 0)
+        return dotqmail_fail(errno, "Unable to remove string from %s file.", path);
+    return dotqmail_set_owner(path);
 }

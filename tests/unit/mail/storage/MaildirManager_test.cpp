@@ -78,7 +78,7 @@ TEST_F(MailnamesRoot, PathsFollowTheConfiguredRoot)
         << "root kept from an earlier configuration";
     // A tree whose status cannot be taken is not taken for a missing one.
     fs::create_symlink("loop", temp_.path() + "/loop");
-    fs::path out = "untouched";
+    bfs::path out = "untouched";
     EXPECT_FALSE(zarnet::mail::backupRename(temp_.path() + "/loop", out));
     EXPECT_EQ(out, "untouched");
 }
