@@ -13,7 +13,9 @@
 
 #include <string>
 
-// Opens a connection and sends "SET NAMES utf8". On failure returns null and,
+// Opens a connection and sends "SET NAMES utf8"; connecting, reading and
+// writing time out after a few seconds, so a stalled server is a failure
+// rather than a hang. On failure returns null and,
 // when error is given, stores the failing step's text there.
 MYSQL *db_connect_nothrow(std::string *error = nullptr);
 
