@@ -46,11 +46,11 @@ bool read_password(char (&buf)[100], std::string *error)
 
 // A panel database that accepts the connection but never answers must end
 // the command with an error, not hang it; a healthy local server answers in
-// well under a second. The client library may retry a timed-out read, so
-// the wall time of a stalled query can be a multiple of read_timeout.
-const unsigned int connect_timeout = 4; // seconds, also for the server's greeting
-const unsigned int read_timeout = 2;
-const unsigned int write_timeout = 2;
+// milliseconds. Some client libraries try a timed-out read three times, so
+// a stalled query may take up to three times read_timeout.
+const unsigned int connect_timeout = 5; // seconds, the server's greeting included
+const unsigned int read_timeout = 3;
+const unsigned int write_timeout = 3;
 
 // Timeouts, and the character set named at connect time so that the
 // client's escaping follows the same charset as "SET NAMES utf8" selects.

@@ -7,6 +7,7 @@ import time
 import pytest
 
 from panel_db import PanelDB
+from sandbox import MAILNAMES
 
 # example.com (alias example.net): boss, and o'brien with the mail alias o'b;
 # another customer's other.example (alias other.net): boss.
@@ -81,3 +82,21 @@ def test_names_stay_values(sb, fault, command, mailname, domain, env, added, rem
     r = sb.mailtend(command, f"--domain-name={domain}", f"--mailname={mailname}", env=env)
     want = {k: v for k, v in {**before, **added}.items() if k not in removed}
     assert (r.rc, r.err, logins(sb)) == (0, "", want), r
+
+
+@pytest.mark.parametrize("command", [["--add-mailbox", "--mailname=boss"],
+                                     ["--set-domain-disk-quota", "--disk-quota=100000"]])
+def test_stalled_panel_database_ends_the_command(sb, command):
+    """The server keeps accepting on its listening socket but never answers."""
+    pid, home = sb.read_text("/run/mysqld/mysqld.pid").strip(), f"{MAILNAMES}/example.com"
+    before = (logins(sb), sb.tree(home))
+    sb.run(["kill", "-STOP", pid]).check()
+    try:
+        start = time.monotonic()
+        r = sb.mailtend(command[0], "--domain-name=example.com", *command[1:], env=NEW)
+        took = time.monotonic() - start
+    finally:
+        sb.run(["kill", "-CONT", pid]).check()
+    assert (r.rc, r.err.split(": Lost connection")[0], took < 10) == (
+        1, "Unable to connect to Zarnet Database", True), (r, took)
+    assert (logins(sb), sb.tree(home)) == before
