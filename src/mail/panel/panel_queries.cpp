@@ -42,6 +42,7 @@ std::string escaped(MYSQL *conn, const char *value, bool *ok)
     return out;
 }
 
+// format with one escaped value per "%s", in order.
 template <std::size_t... I>
 int format_query(char **query, const char *format, const std::string *values,
                  std::index_sequence<I...>)
@@ -49,8 +50,9 @@ int format_query(char **query, const char *format, const std::string *values,
     return asprintf(query, format, values[I].c_str()...);
 }
 
-// Runs the query formatted from the escaped names; any failure, formatting
-// included, is also logged as failure with the names as given.
+// Runs the query formatted from the names, each escaped on the connection it
+// runs on (they come from the command line and may hold quotes); any failure,
+// formatting included, is also logged as failure with the names as given.
 template <typename... Names>
 int list_query(MYSQL *conn, char ***out, const char *failure, const char *format, Names... names)
 {
