@@ -24,7 +24,8 @@ MYSQL *db_connect();
 
 // Runs query on conn (or on a connection of its own when conn is null, closed
 // again on every path) and appends every row's first column to *out. A NULL
-// column is appended as the empty string. 0 on success, -1 on failure.
+// column is appended as the empty string. 0 on success, -1 on failure. The
+// text is sent as is: every value in it must already be escaped on conn.
 int exec_mysql_query(MYSQL *conn, const char *query, char ***out);
 
 // Appends a copy of text to array (null: a new array); the result stays
