@@ -44,6 +44,24 @@ bool read_password(char (&buf)[100], std::string *error)
     return true;
 }
 
+// A panel database that accepts the connection but never answers must end
+// the command with an error, not hang it; a healthy local server answers in
+// milliseconds. Some client libraries try a timed-out read three times, so
+// a stalled query may take up to three times read_timeout.
+const unsigned int connect_timeout = 5; // seconds, the server's greeting included
+const unsigned int read_timeout = 3;
+const unsigned int write_timeout = 3;
+
+// Timeouts, and the character set named at connect time so that the
+// client's escaping follows the same charset as "SET NAMES utf8" selects.
+bool set_options(MYSQL *conn)
+{
+    return mysql_options(conn, MYSQL_OPT_CONNECT_TIMEOUT, &connect_timeout) == 0 &&
+           mysql_options(conn, MYSQL_OPT_READ_TIMEOUT, &read_timeout) == 0 &&
+           mysql_options(conn, MYSQL_OPT_WRITE_TIMEOUT, &write_timeout) == 0 &&
+           mysql_options(conn, MYSQL_SET_CHARSET_NAME, "utf8") == 0;
+}
+
 std::string db_error(MYSQL *conn, const char *context)
 {
     const unsigned int code = mysql_errno(conn);
@@ -67,6 +85,14 @@ MYSQL *db_connect_nothrow(std::string *error)
         errno = ENOMEM;
         set_error(error, std::string("Unable to initialize MySQL connection structure: ") +
                              std::strerror(ENOMEM));
+        return nullptr;
+    }
+    if (!set_options(conn)) {
+        explicit_bzero(password, sizeof password);
+        set_error(error, std::string("Unable to initialize MySQL connection structure: ") +
+                             "the client refused the connection options");
+        mysql_close(conn);
+        errno = 0;
         return nullptr;
     }
     MYSQL *ok = mysql_real_connect(conn, "localhost", "admin", password, "zrn", 0, nullptr, 0);

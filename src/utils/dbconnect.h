@@ -13,7 +13,9 @@
 
 #include <string>
 
-// Opens a connection and sends "SET NAMES utf8". On failure returns null and,
+// Opens a connection and sends "SET NAMES utf8"; connecting, reading and
+// writing time out after a few seconds, so a stalled server is a failure
+// rather than a hang. On failure returns null and,
 // when error is given, stores the failing step's text there.
 MYSQL *db_connect_nothrow(std::string *error = nullptr);
 
@@ -22,7 +24,8 @@ MYSQL *db_connect();
 
 // Runs query on conn (or on a connection of its own when conn is null, closed
 // again on every path) and appends every row's first column to *out. A NULL
-// column is appended as the empty string. 0 on success, -1 on failure.
+// column is appended as the empty string. 0 on success, -1 on failure. The
+// text is sent as is: every value in it must already be escaped on conn.
 int exec_mysql_query(MYSQL *conn, const char *query, char ***out);
 
 // Appends a copy of text to array (null: a new array); the result stays

@@ -8,24 +8,80 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <utility>
 
 namespace {
 
-// Runs the query formatted from args; any failure, formatting included,
-// is also logged as failure with the same args.
-template <typename... Args>
-int list_query(MYSQL *conn, char ***out, const char *failure, const char *format, Args... args)
+// A connection opened for one query when the caller passed none.
+struct OwnConnection {
+    MYSQL *conn = nullptr;
+    OwnConnection() = default;
+    OwnConnection(const OwnConnection &) = delete;
+    OwnConnection &operator=(const OwnConnection &) = delete;
+    ~OwnConnection()
+    {
+        if (conn != nullptr)
+            mysql_close(conn);
+    }
+};
+
+// value escaped by the client library for a '...' literal in the
+// connection's character set; ok is cleared when the library refuses.
+std::string escaped(MYSQL *conn, const char *value, bool *ok)
 {
-    char *query;
+    const size_t length = std::strlen(value);
+    std::string out(2 * length + 1, '\0');
+    const unsigned long n =
+        mysql_real_escape_string(conn, &out[0], value, static_cast<unsigned long>(length));
+    if (n == static_cast<unsigned long>(-1)) {
+        *ok = false;
+        return std::string();
+    }
+    out.resize(n);
+    return out;
+}
+
+// format with one escaped value per "%s", in order.
+template <std::size_t... I>
+int format_query(char **query, const char *format, const std::string *values,
+                 std::index_sequence<I...>)
+{
+    return asprintf(query, format, values[I].c_str()...);
+}
+
+// Runs the query formatted from the names, each escaped on the connection it
+// runs on (they come from the command line and may hold quotes); any failure,
+// formatting included, is also logged as failure with the names as given.
+template <typename... Names>
+int list_query(MYSQL *conn, char ***out, const char *failure, const char *format, Names... names)
+{
+    *out = nullptr;
+    OwnConnection own;
+    if (conn == nullptr) {
+        own.conn = db_connect();
+        if (own.conn == nullptr) {
+            zarnet_log(3, "Unable to connect to mysql database");
+            zarnet_log(3, failure, names...);
+            return -1;
+        }
+        conn = own.conn;
+    }
+    bool ok = true;
+    const std::string values[] = {escaped(conn, names, &ok)...};
+    char *query = nullptr;
     int rc = -1;
-    if (asprintf(&query, format, args...) < 0) {
+    int n = -1;
+    if (ok)
+        n = format_query(&query, format, values, std::index_sequence_for<Names...>());
+    if (n < 0) {
         zarnet_log(3, "Unable to create database query");
     } else {
         rc = exec_mysql_query(conn, query, out);
         std::free(query);
     }
     if (rc != 0)
-        zarnet_log(3, failure, args...);
+        zarnet_log(3, failure, names...);
     return rc == 0 ? 0 : -1;
 }
 
@@ -67,19 +123,25 @@ int get_dom_Limit(const char *dom_id, const char *name, char *out, size_t size)
 {
     if (size > 0)
         out[0] = '\0';
-    char query[1024];
-    const int n = std::snprintf(query, sizeof query,
-                                "select l.value from domains d, Limits l \t\t\t\t where "
-                                "d.id='%s' and d.limits_id=l.id  and l.limit_name='%s'",
-                                dom_id, name);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof query) {
-        zarnet_log(3, "Unable to create database query");
+    OwnConnection own;
+    own.conn = db_connect();
+    if (own.conn == nullptr) {
+        messlog2(0, 0, "Unable to connect to the mysql database\n");
         return -1;
     }
+    MYSQL *const conn = own.conn;
 
-    MYSQL *conn = db_connect();
-    if (conn == nullptr) {
-        messlog2(0, 0, "Unable to connect to the mysql database\n");
+    bool ok = true;
+    const std::string id = escaped(conn, dom_id, &ok);
+    const std::string limit = escaped(conn, name, &ok);
+    char query[1024];
+    const int n = !ok ? -1
+                      : std::snprintf(query, sizeof query,
+                                      "select l.value from domains d, Limits l \t\t\t\t where "
+                                      "d.id='%s' and d.limits_id=l.id  and l.limit_name='%s'",
+                                      id.c_str(), limit.c_str());
+    if (n < 0 || static_cast<size_t>(n) >= sizeof query) {
+        zarnet_log(3, "Unable to create database query");
         return -1;
     }
 
@@ -104,6 +166,5 @@ int get_dom_Limit(const char *dom_id, const char *name, char *out, size_t size)
     }
     if (res != nullptr)
         mysql_free_result(res);
-    mysql_close(conn);
     return rc;
 }

@@ -1,7 +1,9 @@
 // The panel's lists of domain aliases, mailnames and mail aliases.
 //
-// Names are inserted into the queries as given (the callers pass ASCII
-// forms). conn may be null: a connection is then opened for the one query.
+// Every name reaches the query escaped by the client library on the open
+// connection: names come from the command line and may hold quotes
+// ("o'brien" is a valid local part). conn may be null: a connection is then
+// opened for the one query.
 // Each returns 0 and stores a null-terminated array in *out (null when no
 // row matched; release with free_array), or -1 after logging its message.
 #ifndef MAILTEND_MAIL_PANEL_PANEL_QUERIES_H

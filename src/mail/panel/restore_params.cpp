@@ -17,8 +17,8 @@ using zarnet::mysql::Result;
 // The row of param, if any; the Result frees the set on every path.
 bool fetchMiscRow(const std::string &param, Connection &conn, Result::row_t *row)
 {
-    Result result = conn << "SELECT    val  FROM misc    WHERE param='" << param << "'"
-                         << Query::fetch;
+    Result result = conn << "SELECT    val  FROM misc    WHERE param='" << zarnet::mysql::value
+                         << param << "'" << Query::fetch;
     return result.fetch(row);
 }
 

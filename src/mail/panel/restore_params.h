@@ -1,7 +1,7 @@
 // Panel-wide switches kept as name/value rows in the panel's "misc" table.
 //
-// The parameter name goes into the query unescaped: callers pass fixed names
-// of their own. getBoolMiscParamSafe never throws for a database problem: it
+// The parameter name goes into the query escaped like any value.
+// getBoolMiscParamSafe never throws for a database problem: it
 // writes one warning line to zarnet::uerr and reads the switch as off.
 // getStringMiscParam lets mError through.
 #ifndef MAILTEND_MAIL_PANEL_RESTORE_PARAMS_H

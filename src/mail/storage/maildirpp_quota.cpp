@@ -728,6 +728,11 @@ char *mysql_escape_mail_entity(MYSQL *conn, const char *name)
         report("Unable to allocate memory to escape %s", text);
         return nullptr;
     }
-    mysql_real_escape_string(conn, escaped, text, static_cast<unsigned long>(length));
+    if (mysql_real_escape_string(conn, escaped, text, static_cast<unsigned long>(length)) ==
+        static_cast<unsigned long>(-1)) {
+        REPORT_PLAIN("Unable to escape %s: %s", text, mysql_error(conn));
+        std::free(escaped);
+        return nullptr;
+    }
     return escaped;
 }
