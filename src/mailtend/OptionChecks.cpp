@@ -43,8 +43,12 @@ std::string eachItem(const std::string &list, const char *separators, bool anyOf
 
 std::string shownValue(const std::string &value)
 {
+    // Cut at a character boundary, so the message stays UTF-8.
+    std::size_t end = value.size() > shown_bytes ? shown_bytes : value.size();
+    while (end < value.size() && end > 0 && (value[end] & 0xc0) == 0x80)
+        --end;
     std::string shown;
-    for (std::size_t i = 0; i < value.size() && i < shown_bytes; ++i) {
+    for (std::size_t i = 0; i < end; ++i) {
         const unsigned char c = static_cast<unsigned char>(value[i]);
         if (c == '\n')
             shown += "\\n";
@@ -59,7 +63,7 @@ std::string shownValue(const std::string &value)
         } else
             shown += static_cast<char>(c);
     }
-    if (value.size() > shown_bytes)
+    if (end < value.size())
         shown += "...";
     return shown;
 }

@@ -137,11 +137,11 @@ std::string queueSpaceProblem(const MainCfManager &mainCf, int64_t size)
     const std::string queue = mainCf.getStringValue("queue_directory", false);
     if (size == 0 || ::statvfs(queue.c_str(), &fs) != 0)
         return "";
-    const long double free = static_cast<long double>(fs.f_bavail) * fs.f_frsize;
-    if (static_cast<long double>(size) * 1.5L < free)
+    const long double room = static_cast<long double>(fs.f_bavail) * fs.f_frsize;
+    if (static_cast<long double>(size) * 1.5L < room)
         return "";
     return "needs 1.5 times its size free in the mail queue file system (" +
-           std::to_string(static_cast<unsigned long long>(free)) + " bytes free)";
+           std::to_string(static_cast<unsigned long long>(room)) + " bytes free)";
 }
 
 typedef void (*NetworkChange)(const std::string &address, unsigned prefix);

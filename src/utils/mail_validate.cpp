@@ -46,15 +46,26 @@ bool isAscii(const std::string &s)
     return true;
 }
 
+// The bytes of the UTF-8 sequence a lead byte starts; 0 for a byte that
+// starts none.
+std::size_t sequenceLength(unsigned char c)
+{
+    if (c < 0x80)
+        return 1;
+    if (c >= 0xc2 && c <= 0xdf)
+        return 2;
+    if (c >= 0xe0 && c <= 0xef)
+        return 3;
+    return c >= 0xf0 && c <= 0xf4 ? 4 : 0;
+}
+
 // Well-formed UTF-8: no stray continuation byte, overlong form, surrogate or
 // code point beyond U+10FFFF.
 bool isUtf8(const std::string &s)
 {
     for (std::size_t i = 0; i < s.size();) {
         const unsigned char c = static_cast<unsigned char>(s[i]);
-        const std::size_t n = c < 0x80 ? 1 : c >= 0xc2 && c <= 0xdf ? 2 : c >= 0xe0 && c <= 0xef ? 3
-                                                                 : c >= 0xf0 && c <= 0xf4   ? 4
-                                                                                            : 0;
+        const std::size_t n = sequenceLength(c);
         if (n == 0 || i + n > s.size())
             return false;
         unsigned long cp = n == 1 ? c : c & (0xff >> (n + 1));
