@@ -1,5 +1,6 @@
 #include "mailtend/Command.h"
 
+#include "mailtend/OptionChecks.h"
 #include "mailtend/OptionTypes.h"
 
 #include <boost/lexical_cast.hpp>
@@ -28,6 +29,16 @@ const po::value_semantic *semantic(const Option &option)
     case Value::none:
         return nullptr;
     case Value::string:
+    case Value::domain:
+    case Value::domainList:
+    case Value::domainWords:
+    case Value::mailname:
+    case Value::mailnameList:
+    case Value::address:
+    case Value::ipAddress:
+    case Value::line:
+    case Value::fileName:
+    case Value::path:
         return withDefault<std::string>(option);
     case Value::int64:
         return withDefault<int64_t>(option);
@@ -75,6 +86,7 @@ int runCommand(const Command &command, int argc, char **argv)
     ProgramOptionsHelper helper(command.description, command.usage);
     declareOptions(helper, command.options);
     standardOptionsParse(helper, argc, argv);
+    checkValues(helper, command.options);
     return command.handler(helper);
 }
 

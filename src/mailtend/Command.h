@@ -4,8 +4,9 @@
 // and help-table texts, the description and usage line of its own help
 // block, its options and its handler. runCommand builds the
 // ProgramOptionsHelper from it, declares the options in order, runs
-// standardOptionsParse (which ends the run on "--help" and on option errors)
-// and then hands the handler the parsed values. Handlers never parse; a
+// standardOptionsParse (which ends the run on "--help" and on option errors),
+// checks the values of the checked kinds (an option error on refusal) and
+// then hands the handler the parsed values. Handlers never parse; a
 // check the parser cannot make goes through optionError.
 #ifndef MAILTEND_MAILTEND_COMMAND_H
 #define MAILTEND_MAILTEND_COMMAND_H
@@ -17,10 +18,22 @@
 
 namespace zarnet::mail::postfix::mailtend_commands {
 
-// What an option takes on the command line.
+// What an option takes on the command line. The kinds after "string" are
+// strings too (read with Args::text), each checked by checkValues before the
+// handler runs.
 enum class Value {
     none,            // a switch
     string,
+    domain,          // a domain name
+    domainList,      // domain names joined by ", "
+    domainWords,     // domain names separated by blanks, tabs and commas
+    mailname,
+    mailnameList,    // mailnames joined by ", "
+    address,         // a mail address
+    ipAddress,       // a plain IPv4 or IPv6 address
+    line,            // one line of free text
+    fileName,        // one line naming a file, at most NAME_MAX bytes
+    path,            // one line naming a path, shorter than PATH_MAX
     int64,
     int16,
     strings,         // list of strings; every occurrence adds to it

@@ -3,9 +3,14 @@
 #include "mail/handlers/handlers.h"
 #include "mail/handlers/handlers_mass.h"
 #include "mailtend/CommandNames.h"
+#include "mailtend/OptionChecks.h"
 #include "utils/UtilityErrorStream.h"
+#include "utils/mail_validate.h"
+
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -18,6 +23,9 @@ namespace zarnet::mail::postfix::mailtend_commands {
 namespace {
 
 const char *const hooks[] = {"before-queue", "before-local", "before-remote"};
+// The store reads priorities as int and keeps a template inside a file name.
+const std::size_t max_priority_digits = 9;
+const std::size_t max_template = 64;
 
 struct FreeDeleter {
     void operator()(char *p) const { std::free(p); }
@@ -43,21 +51,44 @@ std::string normalValue(int type, const std::string &value)
     return value.substr(0, at + 1) + asciiDomain(value.substr(at + 1));
 }
 
-// The checks of the naming options that the parser cannot make.
+std::string templateProblem(const std::string &tmpl)
+{
+    if (tmpl.size() > max_template)
+        return "is longer than " + std::to_string(max_template) + " bytes";
+    for (const char c : tmpl)
+        if (!std::isalnum(static_cast<unsigned char>(c)) && std::strchr("._-", c) == nullptr)
+            return "holds a character other than letters, digits, '.', '_' and '-'";
+    return "";
+}
+
+// A missing executable is the store's to report, with the system's reason.
+std::string executableProblem(const std::string &path)
+{
+    if (path.empty() || path.front() != '/')
+        return "is not an absolute path";
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0 &&
+        (!S_ISREG(st.st_mode) || (st.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) == 0))
+        return "is not an executable file";
+    return "";
+}
+
+// The checks of the handler options that the parser cannot make.
 Handler handlerArguments(const Args &args)
 {
     Handler h;
     h.tmpl = args.text("handler-name");
+    refuseValue(args, "handler name", h.tmpl, templateProblem(h.tmpl));
     const std::string &type_text = args.text("handler-type");
     const int type = get_handler_type(type_text.c_str());
     if (type == HANDLER_TYPE_UNKNOWN)
-        optionError(args, "unknown handler type \"" + type_text +
+        optionError(args, "unknown handler type \"" + shownValue(type_text) +
                            "\" (one of global, sender, recipient, sender-domain, "
                            "recipient-domain)");
     h.type = handler_type_name(type);
     h.hook = args.text("hook");
     if (std::find(std::begin(hooks), std::end(hooks), h.hook) == std::end(hooks))
-        optionError(args, "unknown hook \"" + h.hook +
+        optionError(args, "unknown hook \"" + shownValue(h.hook) +
                            "\" (one of before-queue, before-local, before-remote)");
     const bool named = args.has("handler-type-name");
     if (type == HANDLER_TYPE_GLOBAL && named)
@@ -68,11 +99,22 @@ Handler handlerArguments(const Args &args)
     if (args.has("priority")) {
         const std::string &priority = args.text("priority");
         if (priority.empty() || priority.find_first_not_of("0123456789") != std::string::npos)
-            optionError(args, "handler priority \"" + priority + "\" is not a decimal number");
+            optionError(args, "handler priority \"" + shownValue(priority) +
+                                   "\" is not a decimal number");
+        if (priority.size() > max_priority_digits)
+            optionError(args, "handler priority \"" + shownValue(priority) + "\" is too large");
     }
+    if (args.has("executable"))
+        refuseValue(args, "handler executable", args.text("executable"),
+                    executableProblem(args.text("executable")));
     checkPathComponent("handler name", h.tmpl);
     if (named) {
-        h.value = normalValue(type, args.text("handler-type-name"));
+        const std::string &value = args.text("handler-type-name");
+        const bool domain = type == HANDLER_TYPE_SENDER_DOMAIN || type == HANDLER_TYPE_RECIPIENT_DOMAIN;
+        refuseValue(args, domain ? "domain name" : "mail address", value,
+                    domain ? zarnet::validate::domainName(value)
+                           : zarnet::validate::mailAddress(value));
+        h.value = normalValue(type, value);
         checkPathComponent("handler type name", h.value);
     }
     return h;

@@ -6,10 +6,14 @@
 #include "mail/postfix/SettingsManager.h"
 #include "mail/services/courier_configure.h"
 #include "mailtend/CommandNames.h"
+#include "mailtend/OptionChecks.h"
 #include "mailtend/OptionTypes.h"
 #include "utils/NotSupportedError.h"
+#include "utils/mail_validate.h"
 
 #include <boost/lexical_cast.hpp>
+
+#include <sys/statvfs.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -124,11 +128,34 @@ int printSizeParameter(const char *name)
     return std::cout ? 0 : 1;
 }
 
+// The SMTP server takes no mail at all while the queue file system has less
+// than 1.5 times the limit free: a limit it cannot meet now would stop all
+// mail. A queue that cannot be measured is not judged.
+std::string queueSpaceProblem(const MainCfManager &mainCf, int64_t size)
+{
+    struct statvfs fs;
+    const std::string queue = mainCf.getStringValue("queue_directory", false);
+    if (size == 0 || ::statvfs(queue.c_str(), &fs) != 0)
+        return "";
+    const long double room = static_cast<long double>(fs.f_bavail) * fs.f_frsize;
+    if (static_cast<long double>(size) * 1.5L < room)
+        return "";
+    return "needs 1.5 times its size free in the mail queue file system (" +
+           std::to_string(static_cast<unsigned long long>(room)) + " bytes free)";
+}
+
 typedef void (*NetworkChange)(const std::string &address, unsigned prefix);
 
-int changeWhiteList(const Args &args, NetworkChange change)
+// Only networks being trusted get the strict check: an entry with host
+// bits set or an overly wide one, left by an older release, must stay
+// removable.
+int changeWhiteList(const Args &args, NetworkChange change, bool trusted)
 {
-    change(args.text("ip-address"), args.get<IPMask>("netmask").prefix);
+    const std::string &address = args.text("ip-address");
+    const unsigned prefix = args.get<IPMask>("netmask").prefix;
+    refuseValue(args, "network", address + "/" + std::to_string(prefix),
+                zarnet::validate::network(address, prefix, trusted));
+    change(address, prefix);
     ServiceManager::reloadServer();
     return 0;
 }
@@ -161,8 +188,13 @@ int setMaxLetterSize(const Args &args)
 {
     const MainCfManager &mainCf = MainCfManager::getInstance();
     int64_t size = args.get<int64_t>("size");
+    const std::string given = std::to_string(size);
+    const int64_t mailboxLimit =
+        boost::lexical_cast<int64_t>(mainCf.getStringValue("mailbox_size_limit", false));
     if (size == 0)
-        size = boost::lexical_cast<int64_t>(mainCf.getStringValue("mailbox_size_limit", false));
+        size = mailboxLimit;
+    refuseValue(args, "letter size", given, zarnet::validate::letterSize(size, mailboxLimit));
+    refuseValue(args, "letter size", given, queueSpaceProblem(mainCf, size));
     mainCf.replaceStringValue("message_size_limit", std::to_string(size));
     ServiceManager::reloadServer();
     return 0;
@@ -177,12 +209,12 @@ int setAccountsFormat(const Args &args)
 
 int addWhiteList(const Args &args)
 {
-    return changeWhiteList(args, SettingsManager::addWhiteNetwork);
+    return changeWhiteList(args, SettingsManager::addWhiteNetwork, true);
 }
 
 int removeWhiteList(const Args &args)
 {
-    return changeWhiteList(args, SettingsManager::removeWhiteNetwork);
+    return changeWhiteList(args, SettingsManager::removeWhiteNetwork, false);
 }
 
 int updateSPF(const Args &args)

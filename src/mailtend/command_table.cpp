@@ -19,24 +19,30 @@ namespace {
 #define MISSING_NOTE NOTE "Exit status 1 if the handler does not exist."
 
 // Option groups shared by several commands.
-const Options domainNameOption = {"domain-name", Value::string, "domain name", mandatory};
+const Options domainNameOption = {"domain-name", Value::domain, "domain name", mandatory};
 const Options mailnameOptions = {domainNameOption,
-                                 {"mailname", Value::string, "mailname", mandatory}};
+                                 {"mailname", Value::mailname, "mailname", mandatory}};
+// The autoresponder commands take lists joined by ", " in both.
+const Options mailnameListOptions = {
+    {"domain-name", Value::domainList, "domain name", mandatory},
+    {"mailname", Value::mailnameList, "mailname", mandatory}};
+// The DomainKey commands take domains separated by blanks, tabs and commas.
+const Options domainWordsOption = {"domain-name", Value::domainWords, "domain name", mandatory};
 const Options domainDisabledOption = {"mail-domain-disabled,D", Value::none,
                                       "the domain is disabled (currently unused)"};
 const Options diskQuotaOption = {"disk-quota", Value::int64, "disk quota", mandatory};
 const Options redirectOptions = {mailnameOptions,
-                                 {"redirect-email", Value::string, "redirect email", mandatory}};
-const Options attachmentNameOption = {"attachment-file-name", Value::string,
+                                 {"redirect-email", Value::address, "redirect email", mandatory}};
+const Options attachmentNameOption = {"attachment-file-name", Value::fileName,
                                       "attachment file name", mandatory};
-const Options networkOptions = {{"ip-address", Value::string, "IPv4 address", mandatory},
+const Options networkOptions = {{"ip-address", Value::ipAddress, "IPv4 address", mandatory},
                                 {"netmask", Value::ipMask, "netmask", mandatory}};
 
 // The SPF settings, in the order updateSPF hands them on.
-const Options spfSettingOptions = {{"spf-behavior", Value::string, "SPF behavior"},
-                                   {"spf-rules", Value::string, "SPF rules"},
-                                   {"spf-guess", Value::string, "SPF guess"},
-                                   {"spf-exp", Value::string, "SPF exp"}};
+const Options spfSettingOptions = {{"spf-behavior", Value::line, "SPF behavior"},
+                                   {"spf-rules", Value::line, "SPF rules"},
+                                   {"spf-guess", Value::line, "SPF guess"},
+                                   {"spf-exp", Value::line, "SPF exp"}};
 
 // The mail-handler commands name a handler by template, type, type name and
 // hook; adding and updating also set executable, context and priority
@@ -55,8 +61,8 @@ Options handlerOptions()
 Options handlerOptions(Presence settings)
 {
     return {handlerNamingOptions,
-            {"executable", Value::string, "handler executable", settings},
-            {"context", Value::string, "handler context", settings},
+            {"executable", Value::path, "handler executable", settings},
+            {"context", Value::line, "handler context", settings},
             handlerHookOption,
             {"priority", Value::string, "handler priority", settings}};
 }
@@ -66,9 +72,9 @@ Options handlerOptions(Presence settings)
 const Options &formNotexistingMailOptions()
 {
     static const Options group = {{"set-catchall", Value::none, "set a domain catchall address"},
-                                  {"email", Value::string, "domain alias name"},
+                                  {"email", Value::address, "domain alias name"},
                                   {"set-bounce", Value::none, "set a domain bounce"},
-                                  {"phrase", Value::string, "phrase"},
+                                  {"phrase", Value::line, "phrase"},
                                   {"set-reject", Value::none, "set domain reject flag"}};
     return group;
 }
@@ -140,14 +146,14 @@ const Command command_table[] = {
      addAutoresponder,
      "add autoresponder for a given mailname",
      "--set-autoresponder --domain-name=<domain_name> --mailname=<mail_name>",
-     mailnameOptions},
+     mailnameListOptions},
     {"--reset-autoresponder",
      "--domain-name=<domain_name> --mailname=<mail_name>",
      "disables autoresponder for mailname",
      removeAutoresponder,
      "remove autoresponder for a given mailname",
      "--reset-autoresponder --domain-name=<domain_name> --mailname=<mail_name>",
-     mailnameOptions},
+     mailnameListOptions},
     {"--add-alias",
      "--domain-name=<domain_name> --mailname=<mail_name> --alias=<email_alias>",
      "adds an alias for mailname"}, // addAlias
@@ -253,14 +259,14 @@ const Command command_table[] = {
       {"fullname", Value::none, "report full attachment paths (false by default)"},
       domainNameOption,
       {"mail-all", Value::none, "report attachments for all mailnames (false by default)"},
-      {"mailname", Value::string, "mailname"}}},
+      {"mailname", Value::mailname, "mailname"}}},
     {"--add-attachment",
      "--domain-name=<domain_name> --mailname=<mail_name> --file-name=<full_file_name> --attachment-file-name=<attachment_file_name>",
      "adds attachment for <mail_name>",
      addAttachment,
      "add an attachment",
      "--add-attachment --domain-name=<domain_name> --mailname=<mail_name> --file-name=<full_file_name> --attachment-file-name=<attachment_file_name>",
-     {mailnameOptions, {"file-name", Value::string, "uploaded file name", mandatory},
+     {mailnameOptions, {"file-name", Value::path, "uploaded file name", mandatory},
       attachmentNameOption}},
     {"--remove-attachment",
      "--domain-name=<domain_name> --mailname=<mail_name> --attachment-file-name=<attachment_file_name>",
@@ -342,14 +348,14 @@ const Command command_table[] = {
      setDomainKey,
      "set DomainKey",
      "--set-domain-key --domain-name=<domain,domain,... > --file-name=<full_file_name>",
-     {domainNameOption, {"file-name", Value::string, "full path to uploaded key", mandatory}}},
+     {domainWordsOption, {"file-name", Value::path, "full path to uploaded key", mandatory}}},
     {"--remove-domain-key",
      "--domain-name=<domain_name>",
      "removes DomainKey for <domain_name>",
      removeDomainKey,
      "remove DomainKey",
      "--remove-domain-key --domain-name=<domain,domain,...>",
-     domainNameOption},
+     domainWordsOption},
     {"--set-mail-params",
      "[--relayclient] [--smtpauth] [--popauth] [--poplock-time=<time_in_seconds>] [--shortnames]",
      "sets relaying & mailnames parameters"}, // setMailParams

@@ -39,6 +39,9 @@ int removeDomainKey(const Args &args);
 // ServerOptionsCommands.cpp: server-wide settings. Commands that change
 // main.cf then ask the mail server to reload; whether that worked (it cannot
 // while the server is stopped) does not change their exit status.
+// A letter size or relay network that would stop the server taking mail or
+// open it as a relay is an option error (zarnet::validate::letterSize and
+// network; a size needing more room than the queue file system has free).
 int printFeatures(const Args &args);
 int getMaxLetterSize(const Args &args);
 int getMailboxLimit(const Args &args);
@@ -59,8 +62,11 @@ int removeAttachment(const Args &args);
 // by its template ("handler-name"), type, hook and, except for global
 // handlers, its type name (an address or a domain, converted to ASCII with
 // the domain in lower case). An unknown type or hook, a type name missing (or
-// given for a global handler) and a priority that is not a decimal number are
-// option errors. Success prints nothing and exits 0; a store failure exits 1
+// given for a global handler) or not an address (a domain for the domain
+// types), a priority that is not a decimal number of at most nine digits, a
+// template of other characters than letters, digits, ".", "_" and "-" and an
+// executable that is not an absolute path to an executable file (a missing
+// one is the store's to report) are option errors. Success prints nothing and exits 0; a store failure exits 1
 // after the store's own message. "--check-handler" answers with its exit
 // status alone: 0 the handler exists, 1 it does not.
 int addHandler(const Args &args);

@@ -108,8 +108,6 @@ FAILURES = [  # fault, arguments, message, what follows it on stdout
      'handler priority "1-2" is not a decimal number\n', HELP),
     ("mandatory hook not enforced", changed("--hook", None),
      'mandatory option "--hook" is not specified\n', HELP),
-    ("type name escaping the store accepted", changed("--handler-type-name", "../x"),
-     "Fatal error: std::invalid_argument(invalid handler type name '../x')\n", ""),
     ("missing executable accepted", changed("--executable", "/usr/bin/absent"),
      "Unable to stat executable '/usr/bin/absent': No such file or directory\n", ""),
     *((f"{c} of a missing handler succeeded", [c, *NAMING], MISSING, "") for c in (

@@ -44,17 +44,6 @@ def test_black_list_options(sb, command):
     assert sb.postmap_s("blacklists") == {}
 
 
-@pytest.mark.parametrize("name,error", [("a" * 64 + ".example", "Invalid length"),
-                                        ("bad\u0221name.example", "Stringprep error")],
-                         ids=["label too long", "unassigned code point"])
-def test_bad_domain_names_touch_nothing(sb, name, error):
-    sb.mailtend("--add-badmailfrom", "--domain-name=kept.example").expect()
-    line = f"Fatal error: zarnet::idn::IdnaError({error})\n"
-    for command in COMMANDS:
-        sb.mailtend(command, "--domain-name=" + name).expect(1, line, line)
-    assert sb.postmap_s("blacklists") == {"kept.example": "REJECT"}
-
-
 def test_compiler_failure_is_reported_with_its_text(sb):
     sb.write(BLACKLISTS + ".db", b"not a table\n")
     for command, cls in zip(COMMANDS, ("PostfixConfigurationError", "PostfixDatabaseError")):
