@@ -326,15 +326,10 @@ bool parseUsageLine(const char *p, const char *end, long long *bytes, unsigned l
 // feed, a bad or overflowing line).
 bool readUsageFile(long long *bytes, unsigned long long *count)
 {
-    // Non-blocking: a FIFO put in its place must not hang the run.
-    const int fd = fd_io::open_retry("maildirsize", O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    // A FIFO put in its place must not hang the run.
+    const int fd = fd_io::open_regular("maildirsize", O_RDONLY);
     if (fd < 0)
         return false;
-    struct stat st;
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        fd_io::close_quietly(fd);
-        return false;
-    }
     char buf[maxUsageFile + 1];
     size_t got = 0;
     while (got < sizeof buf) {
