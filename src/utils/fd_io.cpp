@@ -18,9 +18,9 @@ int openat_retry(int dirfd, const char *name, int flags, mode_t mode)
     return retry_eintr([&] { return openat(dirfd, name, flags | O_CLOEXEC, mode); });
 }
 
-int openat_regular(int dirfd, const char *name, int flags, mode_t mode)
+int open_regular(const char *path, int flags, mode_t mode)
 {
-    const int fd = openat_retry(dirfd, name, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, mode);
+    const int fd = open_retry(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, mode);
     if (fd < 0)
         return -1;
     struct stat st;
@@ -37,11 +37,6 @@ int openat_regular(int dirfd, const char *name, int flags, mode_t mode)
     close(fd);
     errno = err;
     return -1;
-}
-
-int open_regular(const char *path, int flags, mode_t mode)
-{
-    return openat_regular(AT_FDCWD, path, flags, mode);
 }
 
 const char *open_error_text(int err)

@@ -40,7 +40,6 @@ int openat_retry(int dirfd, const char *name, int flags, mode_t mode = 0);
 // errno EISDIR for a directory and EINVAL otherwise. The descriptor is left
 // blocking. O_NOFOLLOW and O_CLOEXEC are added to flags.
 int open_regular(const char *path, int flags, mode_t mode = 0);
-int openat_regular(int dirfd, const char *name, int flags, mode_t mode = 0);
 // strerror(err), except that open_regular's refusal of a file that is not
 // regular reads "not a regular file" (open itself never gives EINVAL for
 // the flags used here).

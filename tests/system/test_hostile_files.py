@@ -15,11 +15,10 @@ LINK = "Too many levels of symbolic links\n"
 
 @pytest.fixture
 def sb(module_sandbox):
-    sb = module_sandbox
-    sb.make_home("example.com", "info")
-    sb.write(SECRET, "root only\n", mode=0o600)
-    sb.run(["rm", "-rf", UPLOAD, "/etc/domainkeys/a.example"]).check()
-    return sb
+    module_sandbox.make_home("example.com", "info")
+    module_sandbox.write(SECRET, "root only\n", mode=0o600)
+    module_sandbox.run(["rm", "-rf", UPLOAD, "/etc/domainkeys/a.example"]).check()
+    return module_sandbox
 
 
 def plant(sb, path, kind):

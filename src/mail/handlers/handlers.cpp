@@ -1,9 +1,9 @@
 #include "mail/handlers/handlers.h"
 
 #include "mail/handlers/handlers_internal.h"
+#include "utils/MKLock.h"
 #include "utils/fd_io.h"
 #include "utils/file_tree.h"
-#include "utils/MKLock.h"
 #include "utils/fork_exec.h"
 #include "utils/liblog.h"
 
