@@ -39,11 +39,8 @@ int setDomainKey(const Args &args)
 {
     const std::string domains = asciiDomainList(args.text("domain-name"));
     const std::string &key = args.text("file-name");
-    if (set_domain_key(domains.c_str(), key.c_str()) != 0)
-        return 1;
     // The uploaded key is consumed only once every domain has its copy.
-    unlink(key.c_str());
-    return 0;
+    return set_domain_key_consume(domains.c_str(), key.c_str()) != 0 ? 1 : 0;
 }
 
 int removeDomainKey(const Args &args)

@@ -154,6 +154,10 @@ int onExisting(const Args &args, int (*act)(const char *name))
 int addHandler(const Args &args)
 {
     const Handler h = handlerArguments(args);
+    // Held across the lookup and the addition: twins run at once add one.
+    const HandlerStoreLock lock;
+    if (!lock.held())
+        return 1;
     if (find(h)) {
         uerr << describe(h, "already exists") << std::endl;
         return 1;

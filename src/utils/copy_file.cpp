@@ -49,7 +49,7 @@ int copy_blocks(int in, int out, const char *src, const char *dst)
 // byte of it was read.
 int open_destination(const char *dst, const struct stat &src, bool &same)
 {
-    const int fd = fd_io::open_retry(dst, O_WRONLY | O_CREAT, src.st_mode & 07777);
+    const int fd = fd_io::open_regular(dst, O_WRONLY | O_CREAT, src.st_mode & 07777);
     if (fd < 0)
         return -1;
     struct stat st;
@@ -58,8 +58,7 @@ int open_destination(const char *dst, const struct stat &src, bool &same)
         return -1;
     }
     same = st.st_dev == src.st_dev && st.st_ino == src.st_ino;
-    // Only a regular file has a length; O_TRUNC leaves anything else alone too.
-    if (!same && S_ISREG(st.st_mode) && fd_io::retry_eintr([&] { return ftruncate(fd, 0); }) != 0) {
+    if (!same && fd_io::retry_eintr([&] { return ftruncate(fd, 0); }) != 0) {
         fd_io::close_quietly(fd);
         return -1;
     }
@@ -68,9 +67,9 @@ int open_destination(const char *dst, const struct stat &src, bool &same)
 
 int copy_locked(const char *src, const char *dst)
 {
-    const int in = fd_io::open_retry(src, O_RDONLY);
+    const int in = fd_io::open_regular(src, O_RDONLY);
     if (in < 0) {
-        messlog2(0, 0, "Unable to open file %s: %s", src, std::strerror(errno));
+        messlog2(0, 0, "Unable to open file %s: %s", src, fd_io::open_error_text(errno));
         return 1;
     }
     struct stat st;
@@ -88,7 +87,7 @@ int copy_locked(const char *src, const char *dst)
         bool same = false;
         out = open_destination(dst, st, same);
         if (out < 0) {
-            messlog2(0, 0, "Unable to open file %s: %s", dst, std::strerror(errno));
+            messlog2(0, 0, "Unable to open file %s: %s", dst, fd_io::open_error_text(errno));
             fd_io::close_fd(in);
             return 1;
         }
@@ -144,10 +143,15 @@ int copy_file(const char *src, const char *dst)
 
 void copy_file_atomic(const char *src, const char *dst, uid_t owner, gid_t group, mode_t mode)
 {
-    const int in = fd_io::open_retry(src, O_RDONLY);
+    const int in = fd_io::open_regular(src, O_RDONLY);
     if (in < 0)
         atomic_failed(src, dst, "open");
+    copy_fd_atomic(in, src, dst, owner, group, mode);
+    fd_io::close_fd(in);
+}
 
+void copy_fd_atomic(int in, const char *src, const char *dst, uid_t owner, gid_t group, mode_t mode)
+{
     std::string tmp;
     try {
         tmp = std::string(dst) + ".XXXXXX";
@@ -161,8 +165,9 @@ void copy_file_atomic(const char *src, const char *dst, uid_t owner, gid_t group
         atomic_failed(src, dst, "mkstemp");
 
     char buf[block_size];
-    for (;;) {
-        const ssize_t got = fd_io::read_retry(in, buf, sizeof buf);
+    // From the start whatever the offset: one source may feed several copies.
+    for (off_t at = 0;;) {
+        const ssize_t got = fd_io::retry_eintr([&] { return pread(in, buf, sizeof buf, at); });
         if (got < 0)
             atomic_failed(src, dst, "read", tmp);
         if (got == 0)
@@ -173,8 +178,8 @@ void copy_file_atomic(const char *src, const char *dst, uid_t owner, gid_t group
                 errno = EIO;
             atomic_failed(src, dst, "write", tmp);
         }
+        at += got;
     }
-    fd_io::close_fd(in);
 
     // chown before chmod: chown clears set-id bits the mode may ask for.
     if (fd_io::retry_eintr([&] { return fchown(out, owner, group); }) != 0)

@@ -12,7 +12,13 @@
 // mode on its descriptor, is fsynced and renamed over dst. It returns only on
 // success; any failure removes the temporary file and ends the process with
 // status 1 after "copy_file_atomic(SRC -> DST): <step> failed". It takes no
-// lock: the rename is the only change others can observe.
+// lock: the rename is the only change others can observe. copy_fd_atomic
+// does the same from an open descriptor, read from its start whatever its
+// offset (src only names it in messages) and left open.
+//
+// Sources and a copy_file destination are opened as fd_io::open_regular
+// does: a symbolic link, a FIFO or a device there is refused, never followed
+// or waited on.
 #ifndef MAILTEND_UTILS_COPY_FILE_H
 #define MAILTEND_UTILS_COPY_FILE_H
 
@@ -20,5 +26,6 @@
 
 int copy_file(const char *src, const char *dst);
 void copy_file_atomic(const char *src, const char *dst, uid_t owner, gid_t group, mode_t mode);
+void copy_fd_atomic(int in, const char *src, const char *dst, uid_t owner, gid_t group, mode_t mode);
 
 #endif

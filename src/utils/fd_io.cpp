@@ -1,7 +1,10 @@
 #include "utils/fd_io.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cstring>
 
 namespace fd_io {
 
@@ -13,6 +16,32 @@ int open_retry(const char *path, int flags, mode_t mode)
 int openat_retry(int dirfd, const char *name, int flags, mode_t mode)
 {
     return retry_eintr([&] { return openat(dirfd, name, flags | O_CLOEXEC, mode); });
+}
+
+int open_regular(const char *path, int flags, mode_t mode)
+{
+    const int fd = open_retry(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, mode);
+    if (fd < 0)
+        return -1;
+    struct stat st;
+    int err = 0, now;
+    if (fstat(fd, &st) != 0)
+        err = errno;
+    else if (!S_ISREG(st.st_mode))
+        err = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    else if (!(flags & O_NONBLOCK) &&
+             ((now = fcntl(fd, F_GETFL)) < 0 || fcntl(fd, F_SETFL, now & ~O_NONBLOCK) != 0))
+        err = errno;
+    if (err == 0)
+        return fd;
+    close(fd);
+    errno = err;
+    return -1;
+}
+
+const char *open_error_text(int err)
+{
+    return err == EINVAL ? "not a regular file" : std::strerror(err);
 }
 
 ssize_t read_retry(int fd, void *buf, size_t size)

@@ -33,6 +33,18 @@ auto retry_eintr(Call call) -> decltype(call())
 int open_retry(const char *path, int flags, mode_t mode = 0);
 int openat_retry(int dirfd, const char *name, int flags, mode_t mode = 0);
 
+// For files that someone else controls (a mailbox owner's, a panel
+// upload): the last component is never followed (ELOOP for a symbolic
+// link), the open never waits on a FIFO or a device put in the file's place,
+// and only a regular file is kept: anything else is closed again, -1 with
+// errno EISDIR for a directory and EINVAL otherwise. The descriptor is left
+// blocking. O_NOFOLLOW and O_CLOEXEC are added to flags.
+int open_regular(const char *path, int flags, mode_t mode = 0);
+// strerror(err), except that open_regular's refusal of a file that is not
+// regular reads "not a regular file" (open itself never gives EINVAL for
+// the flags used here).
+const char *open_error_text(int err);
+
 ssize_t read_retry(int fd, void *buf, size_t size);
 
 // Writes all n bytes through partial writes. Returns n; fewer when a write

@@ -155,6 +155,14 @@ public:
         return 1;
     }
 
+    // A FIFO or device in the file's place is refused, never waited on.
+    int fail_open(const char *file)
+    {
+        const int saved = errno;
+        messlog2(0, 0, "Unable to open file %s: %s\n", file, fd_io::open_error_text(saved));
+        return 1;
+    }
+
     int run(const char *const *strings, int operation, int position)
     {
         // The file's last component is never followed: its owner (a mailbox
@@ -177,9 +185,9 @@ public:
             return 1;
         }
 
-        in_ = fd_io::open_retry(path_.c_str(), O_RDONLY | O_NOFOLLOW);
+        in_ = fd_io::open_regular(path_.c_str(), O_RDONLY);
         if (in_ < 0)
-            return fail("Unable to open file %s: %s\n", path_.c_str());
+            return fail_open(path_.c_str());
         // Owner and mode are those of what was opened, not of what was
         // looked at before.
         if (fstat(in_, &st_) != 0)
@@ -234,9 +242,9 @@ public:
 private:
     int append(const char *const *strings)
     {
-        out_ = fd_io::open_retry(path_.c_str(), O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW, 0666);
+        out_ = fd_io::open_regular(path_.c_str(), O_RDWR | O_APPEND | O_CREAT, 0666);
         if (out_ < 0)
-            return fail("Unable to open file %s: %s\n", path_.c_str());
+            return fail_open(path_.c_str());
         BufferedWriter out(out_);
         struct stat now;
         char last = '\n';

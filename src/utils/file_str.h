@@ -6,7 +6,9 @@
 // directory: the new content is written, given the old file's owner, group
 // and mode on its descriptor, fsynced and renamed over the path, so readers
 // see the old file or the new one and a failed edit leaves the old one.
-// Appending (FILE_STR_ADD at FILE_STR_APPEND) writes in place.
+// Appending (FILE_STR_ADD at FILE_STR_APPEND) writes in place. The file is
+// opened as fd_io::open_regular does: a symbolic link, a FIFO or anything
+// else that is not a regular file is refused at once, never waited on.
 //
 // Returns 0 on success and 1 on failure, after reporting through messlog2;
 // the lock is released on every return. A copied line that cannot be written

@@ -1,9 +1,11 @@
 #include "mail/dns/domain_keys.h"
 
 #include "utils/copy_file.h"
+#include "utils/fd_io.h"
 #include "utils/file_tree.h"
 #include "utils/product_log.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -147,14 +149,11 @@ int domainkeys_enabled(const char *domain)
     return regular ? 1 : 0;
 }
 
-int set_domain_key(const char *domains, const char *src)
+namespace {
+
+// Installs the key read from in for every domain of the list.
+int install_key(const char *domains, int in, const char *src)
 {
-    struct stat st;
-    if (src == nullptr || stat(src, &st) != 0) {
-        if (src == nullptr)
-            errno = ENOENT;
-        messlog2(1, 0, "No source file '%s': %s", src != nullptr ? src : "", std::strerror(errno));
-    }
     std::vector<std::string> names;
     if (!split_reported(domains, &names))
         return -1;
@@ -182,10 +181,45 @@ int set_domain_key(const char *domains, const char *src)
             result = -1;
             continue;
         }
-        copy_file_atomic(src, key, 0, group, 0440);
+        copy_fd_atomic(in, src, key, 0, group, 0440);
         std::free(key);
     }
     return result;
+}
+
+// The source is read through one descriptor, never through a link: a path
+// the panel passes could otherwise copy any file of root's into a key the
+// popuser group reads.
+int set_key(const char *domains, const char *src, bool consume)
+{
+    const int in = src != nullptr ? fd_io::open_regular(src, O_RDONLY) : -1;
+    if (in < 0) {
+        if (src == nullptr)
+            errno = ENOENT;
+        messlog2(1, 0, "No source file '%s': %s", src != nullptr ? src : "",
+                 fd_io::open_error_text(errno));
+    }
+    int result = install_key(domains, in, src);
+    struct stat opened, named;
+    // Only the file that was read goes: a name that leads elsewhere by now
+    // (a key just installed under it, a file swapped in) stays.
+    if (result == 0 && consume && fstat(in, &opened) == 0 && lstat(src, &named) == 0 &&
+        opened.st_dev == named.st_dev && opened.st_ino == named.st_ino)
+        unlink(src);
+    fd_io::close_quietly(in);
+    return result;
+}
+
+} // namespace
+
+int set_domain_key(const char *domains, const char *src)
+{
+    return set_key(domains, src, false);
+}
+
+int set_domain_key_consume(const char *domains, const char *src)
+{
+    return set_key(domains, src, true);
 }
 
 int clone_domain_key(const char *source, const char *domains)

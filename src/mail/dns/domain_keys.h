@@ -24,8 +24,13 @@ char *get_domainkeys_file(const char *domain);
 // 1 when the domain's key file exists and is a regular file, else 0.
 int domainkeys_enabled(const char *domain);
 
-// Installs a copy of the key file src for every domain of the list.
+// Installs a copy of the key file src for every domain of the list. src
+// must be a regular file and is read through one descriptor without
+// following a link; anything else counts as missing.
 int set_domain_key(const char *domains, const char *src);
+// The same; when every domain got its copy, src is deleted, but only while
+// its name still leads to the file that was read.
+int set_domain_key_consume(const char *domains, const char *src);
 // Gives every domain of the list the key of source; 0 and nothing done when
 // source has no key.
 int clone_domain_key(const char *source, const char *domains);

@@ -44,6 +44,8 @@ int autoresponder_action(const char *mailnames, const char *domains, int action)
         return -1;
     }
     handlers_internal::RefreshScope scope;
+    if (!scope.held())
+        return -1;
     const std::string executable = handlers_internal::root() + "/hooks/autoresponder";
     bool failed = false;
     for (const std::string &mailname : splitList(mailnames)) {

@@ -1,6 +1,7 @@
 #include "mail/handlers/handlers.h"
 
 #include "mail/handlers/handlers_internal.h"
+#include "utils/MKLock.h"
 #include "utils/fd_io.h"
 #include "utils/file_tree.h"
 #include "utils/fork_exec.h"
@@ -18,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -30,6 +32,8 @@ std::string g_refresh = installed_refresh;
 
 int g_scope_depth = 0;
 bool g_refresh_pending = false;
+int g_lock_depth = 0;
+lock_struct_t *g_lock = nullptr;
 
 const char *const type_names[] = {"sender", "recipient", "sender-domain", "recipient-domain",
                                   "global"};
@@ -137,6 +141,29 @@ int removeHandlerFiles(const char *name)
 }
 
 } // namespace
+
+HandlerStoreLock::HandlerStoreLock()
+{
+    if (g_lock_depth == 0) {
+        g_lock = mk_held_lock(g_root.c_str(), 1);
+        if (g_lock == nullptr) {
+            zarnet_log(3, "Unable to lock the handler store %s: %s", g_root.c_str(),
+                       std::strerror(errno));
+            return;
+        }
+    }
+    ++g_lock_depth;
+    held_ = true;
+}
+
+HandlerStoreLock::~HandlerStoreLock()
+{
+    if (held_ && --g_lock_depth == 0) {
+        const int saved = errno;
+        rm_lock(std::exchange(g_lock, nullptr));
+        errno = saved;
+    }
+}
 
 namespace handlers_internal {
 
@@ -428,6 +455,8 @@ int mail_handler_add(const char *tmpl, const char *type_name, const char *value,
                      const char *priority, int action)
 {
     handlers_internal::RefreshScope scope;
+    if (!scope.held())
+        return -1;
     if (type_name == nullptr) {
         zarnet_log(3, "HandlerTypeName parameter is not defined");
         return -1;
@@ -515,6 +544,8 @@ int mail_handler_add(const char *tmpl, const char *type_name, const char *value,
 int mail_handler_remove(const char *name)
 {
     handlers_internal::RefreshScope scope;
+    if (!scope.held())
+        return -1;
     return removeHandlerFiles(name);
 }
 
@@ -525,6 +556,8 @@ int control_handler_queue(const char *name, int action, const char *new_value)
         return -1;
     }
     handlers_internal::RefreshScope scope;
+    if (!scope.held())
+        return -1;
     std::string type_text, hook, value;
     if (!handlers_internal::readParameter(name, "handler-type", type_text, false)) {
         zarnet_log(3, "Unable to fetch 'handler-type' parameter value for handler '%s'", name);

@@ -85,6 +85,24 @@ int tmpfs_handlers_refresh();
 int handlers_compare(const char *a, const char *b);
 void handlers_sort(char **names, std::size_t count);
 
+// The store's lock (mk_lock on the handler root's name, so every tool that
+// edits the store meets on it), held from construction to destruction.
+// Within a process the locks nest: only the outermost takes it. Every
+// public call that changes the store holds it; a caller whose change
+// depends on a lookup (is there such a handler yet?) holds one across both.
+// held() is false, after a report, when the lock could not be taken.
+class HandlerStoreLock {
+public:
+    HandlerStoreLock();
+    ~HandlerStoreLock();
+    HandlerStoreLock(const HandlerStoreLock &) = delete;
+    HandlerStoreLock &operator=(const HandlerStoreLock &) = delete;
+    bool held() const { return held_; }
+
+private:
+    bool held_ = false;
+};
+
 // Test hooks: another handler root and refresh program (null restores the
 // installed ones). Production code never calls them.
 void handlers_set_paths_for_testing(const char *root, const char *refresh_program);

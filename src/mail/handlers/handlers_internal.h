@@ -2,6 +2,7 @@
 #ifndef MAILTEND_MAIL_HANDLERS_HANDLERS_INTERNAL_H
 #define MAILTEND_MAIL_HANDLERS_HANDLERS_INTERNAL_H
 
+#include "mail/handlers/handlers.h"
 #include "utils/dir_walk.h"
 
 #include <functional>
@@ -16,14 +17,19 @@ std::string infoDir();
 // Formed paths longer than this are refused with the caller's message.
 bool fitsPath(const std::string &path);
 
-// Scope of one public store call: the refresh program runs once, when the
-// outermost scope ends and something was changed within it.
+// Scope of one public store call, under the store's lock: the refresh
+// program runs once, when the outermost scope ends and something was
+// changed within it, before the lock is released.
 class RefreshScope {
 public:
     RefreshScope();
     ~RefreshScope();
     RefreshScope(const RefreshScope &) = delete;
     RefreshScope &operator=(const RefreshScope &) = delete;
+    bool held() const { return lock_.held(); }
+
+private:
+    HandlerStoreLock lock_;
 };
 void markChanged();
 

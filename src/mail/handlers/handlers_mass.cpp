@@ -123,6 +123,8 @@ int mail_handler_update(const char *tmpl, const char *type_name, const char *val
                         const char *priority)
 {
     handlers_internal::RefreshScope scope;
+    if (!scope.held())
+        return -1;
     char *found = get_handler_name(tmpl, type_name, value, hook);
     if (found == nullptr) {
         const bool global = get_handler_type(type_name) == HANDLER_TYPE_GLOBAL;
@@ -187,6 +189,8 @@ int mail_handler_update(const char *tmpl, const char *type_name, const char *val
 int mass_control_handler_queue(const char *tmpl, int action)
 {
     handlers_internal::RefreshScope scope;
+    if (!scope.held())
+        return -1;
     std::vector<std::string> names;
     if (handlers_internal::listHandlers(names) != 0)
         return -1;
@@ -207,6 +211,8 @@ int mass_control_handler_queue(const char *tmpl, int action)
 int mass_control_handler_by_mailname(const char *name, const char *new_name, int action)
 {
     handlers_internal::RefreshScope scope;
+    if (!scope.held())
+        return -1;
     std::vector<std::string> names;
     if (handlers_internal::listHandlers(names) != 0)
         return -1;
@@ -249,6 +255,8 @@ int mass_control_handler_by_mailname(const char *name, const char *new_name, int
 int mail_handler_check_all()
 {
     handlers_internal::RefreshScope scope;
+    if (!scope.held())
+        return -1;
     std::vector<std::string> hooks;
     if (!listDirectory(handlers_internal::root(), true, hooks))
         return -1;

@@ -146,8 +146,9 @@ void compileOrThrow(const std::vector<std::string> &args,
                     const process::InputSource &input = process::InputSource())
 {
     std::string output;
-    if (!exitedZero(runCompiler(args, input, output)))
-        throw PostfixConfigurationError(failureText(output));
+    const int status = runCompiler(args, input, output);
+    if (!exitedZero(status))
+        throw PostfixConfigurationError(failureText(output, status));
 }
 
 // Removals: the compiler exits non-zero for an absent key, which is not a
@@ -159,7 +160,7 @@ void removeOrThrow(const std::vector<std::string> &args, const process::InputSou
     if (exitedZero(status))
         return;
     if (WIFSIGNALED(status) || !DatabaseHelper::checkOutput(output, false))
-        throw PostfixDatabaseError(failureText(output));
+        throw PostfixDatabaseError(failureText(output, status));
 }
 
 } // namespace
@@ -292,7 +293,7 @@ void DatabaseHelper::filterRecords(const std::string &table, const RecordFilter 
     if (writeFailure)
         std::rethrow_exception(writeFailure);
     if (!exitedZero(status))
-        throw PostfixConfigurationError(failureText(errors));
+        throw PostfixConfigurationError(failureText(errors, status));
     lines.finish();
     source.close();
     compileOrThrow({rebuild.table()});

@@ -12,7 +12,8 @@
 //
 // Throws: PostfixConfigurationError when an addition, replacement or
 // filtered rewrite fails; PostfixDatabaseError when a removal fails (both
-// carry the compiler's own output, or "unknown error"); std::invalid_argument
+// carry the compiler's own output, or "unknown error", and the signal that
+// ended it, if one did); std::invalid_argument
 // for a key that is empty, begins with "#" or holds white space, or a value
 // that is empty or holds a line break; SystemError from the process layer,
 // the file lock and the rebuild's file steps.

@@ -2,6 +2,8 @@
 
 #include <sys/wait.h>
 
+#include <cstring>
+
 namespace zarnet {
 namespace mail {
 namespace postfix {
@@ -23,9 +25,17 @@ bool exitedZero(int status)
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-std::string failureText(const std::string &output)
+std::string failureText(const std::string &output, int status)
 {
-    return output.empty() ? "unknown error" : output;
+    if (!WIFSIGNALED(status))
+        return output.empty() ? "unknown error" : output;
+    const int sig = WTERMSIG(status);
+    const char *name = strsignal(sig);
+    std::string text = output;
+    if (!text.empty() && text.back() != '\n')
+        text += '\n';
+    return text + "terminated by signal " + std::to_string(sig) + " (" +
+           (name != nullptr ? name : "unknown signal") + ")";
 }
 
 } // namespace postfix

@@ -21,8 +21,10 @@ int runPostfixTool(const std::string &path, const std::vector<std::string> &args
 // Ended by exit status 0 (not by a signal).
 bool exitedZero(int status);
 
-// The message of a failed tool run: what it said, or "unknown error".
-std::string failureText(const std::string &output);
+// The message of a failed tool run: what it said, or "unknown error". With
+// the run's wait status, a tool ended by a signal says so after its output:
+// "terminated by signal 9 (Killed)".
+std::string failureText(const std::string &output, int status = 0);
 
 } // namespace postfix
 } // namespace mail

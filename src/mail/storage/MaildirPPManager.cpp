@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <ostream>
@@ -22,10 +23,12 @@ namespace mail {
 
 namespace {
 
-[[noreturn]] void fail(const char *text, const fs::path &path)
+// The failed step's errno, never 0: a message ending in "Success" would
+// hide why the quota was not written.
+[[noreturn]] void fail(const char *text, const fs::path &path, int err = errno)
 {
-    throw fs::filesystem_error(text, path,
-                               boost::system::error_code(0, boost::system::system_category()));
+    throw fs::filesystem_error(
+        text, path, boost::system::error_code(err != 0 ? err : EIO, boost::system::system_category()));
 }
 
 struct CFreeDeleter {
@@ -78,10 +81,11 @@ void MaildirPPManager::setMailboxQuota(const std::string &domain, const std::str
             written = quota == 0 ? 1 : quota;
     }
     ok = ok && write_maildirpp_maildirsize("Maildir", popuserUid(), popuserGid(), written, 0);
+    const int failure = errno;
 
     const bool back = fd_io::retry_eintr([&] { return ::chdir(cwd.get()); }) == 0;
     if (!ok)
-        fail("create maildirsize", home);
+        fail("create maildirsize", home, failure);
     if (!back)
         fail("cwd chdir", home);
 }

@@ -3,8 +3,9 @@
 //
 // Quotas are byte counts; a negative one means no limit. Every operation
 // throws boost::filesystem::filesystem_error with its own text, the mailbox
-// home or domain root as path and error value 0 when the work underneath
-// fails (the procedural layer has already reported why).
+// home or domain root as path and the errno of the failed step (EIO when
+// it left none) when the work underneath fails (the procedural layer may
+// have reported more).
 #ifndef MAILTEND_MAIL_STORAGE_MAILDIRPPMANAGER_H
 #define MAILTEND_MAIL_STORAGE_MAILDIRPPMANAGER_H
 

@@ -100,9 +100,11 @@ int createTemporary(int dir, std::string &tmp)
 bool copyIn(int dir, const char *source, const char *name, const std::string &target,
             bool &mode_failed)
 {
-    const int in = fd_io::open_retry(source, O_RDONLY);
+    // The upload is named by the panel: a link there could make a secret
+    // of root's an attachment anyone reads.
+    const int in = fd_io::open_regular(source, O_RDONLY);
     if (in < 0) {
-        report("Unable to open file %s: %s", source, std::strerror(errno));
+        report("Unable to open file %s: %s", source, fd_io::open_error_text(errno));
         return false;
     }
     std::string tmp;
@@ -213,9 +215,12 @@ int list_all_attachments(const char *domain, int in_blocks, int fullname)
     std::vector<std::pair<std::string, struct stat>> homes;
     if (!readEntries(dir, true, true, homes))
         return -1;
+    // One unreadable home does not hide the others, but is not a success.
+    int result = 0;
     for (const auto &home : homes)
-        list_attachments(home.first.c_str(), domain, in_blocks, fullname);
-    return 0;
+        if (list_attachments(home.first.c_str(), domain, in_blocks, fullname) != 0)
+            result = -1;
+    return result;
 }
 
 int add_attachment(const char *mailname, const char *domain, const char *source,

@@ -18,10 +18,11 @@
 // blocks times 512). Nothing is printed when the directory cannot be read.
 int list_attachments(const char *mailname, const char *domain, int in_blocks, int fullname);
 // list_attachments for every mailname directory of the domain, in name
-// order; their own failures are reported but do not count.
+// order; one that fails does not stop the others, and makes the result -1.
 int list_all_attachments(const char *domain, int in_blocks, int fullname);
 
-// Copies source in as the attachment name, mode 0644.
+// Copies source in as the attachment name, mode 0644. source must be a
+// regular file, opened without following a link or waiting on a FIFO.
 int add_attachment(const char *mailname, const char *domain, const char *source,
                    const char *name);
 int remove_attachment(const char *mailname, const char *domain, const char *name);

@@ -214,12 +214,13 @@ struct Tally {
 };
 
 // Counts the messages in parent/name. A directory that is not there (or
-// vanished) counts nothing; links are never followed.
+// vanished) counts nothing, and so does anything else the owner put under
+// its name (changedSince reports it); links are never followed.
 bool countMessages(int parent, const char *name, Tally &tally)
 {
     const int fd = dir_walk::open_dir(parent, name);
     if (fd < 0)
-        return errno == ENOENT;
+        return errno == ENOENT || errno == ENOTDIR || errno == ELOOP;
     struct stat st;
     if (::fstat(fd, &st) != 0) {
         fd_io::close_quietly(fd);
@@ -266,9 +267,13 @@ bool changedSince(const char *maildir, const struct timespec &mark)
             return false;
         }
         struct stat st;
-        if (::stat(path, &st) != 0) {
+        if (::lstat(path, &st) != 0) {
             report("Maildir subfolder '%s' stat failed", sub);
             return false;
+        }
+        if (!S_ISDIR(st.st_mode)) {
+            REPORT_PLAIN("Bad/unrecognized entry %s within Maildir folder %s\n", path, maildir);
+            return true;
         }
         if (later(st.st_mtim, newest))
             newest = st.st_mtim;
@@ -326,15 +331,10 @@ bool parseUsageLine(const char *p, const char *end, long long *bytes, unsigned l
 // feed, a bad or overflowing line).
 bool readUsageFile(long long *bytes, unsigned long long *count)
 {
-    // Non-blocking: a FIFO put in its place must not hang the run.
-    const int fd = fd_io::open_retry("maildirsize", O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    // A FIFO put in its place must not hang the run.
+    const int fd = fd_io::open_regular("maildirsize", O_RDONLY);
     if (fd < 0)
         return false;
-    struct stat st;
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        fd_io::close_quietly(fd);
-        return false;
-    }
     char buf[maxUsageFile + 1];
     size_t got = 0;
     while (got < sizeof buf) {

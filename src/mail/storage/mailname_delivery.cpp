@@ -168,16 +168,20 @@ int get_mailhome_path(char *buf, size_t size, const char *mailname, const char *
     return format_path(buf, size, mailname, domain, "", "mailname home path");
 }
 
-int dotqmail_refuse_link(const char *path)
+int dotqmail_refuse_special(const char *path)
 {
     const int saved = errno;
     struct stat st;
-    if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
+    if (lstat(path, &st) != 0 || S_ISREG(st.st_mode)) {
+        errno = saved;
+        return 0;
+    }
+    if (S_ISLNK(st.st_mode)) {
         errno = ELOOP;
         return -1;
     }
-    errno = saved;
-    return 0;
+    // Reported here: the edit's own opens would say so once per step.
+    return dotqmail_refuse(EINVAL, "Unable to open file %s: not a regular file", path);
 }
 
 int dotqmail_set_owner_fd(int fd, const char *path)
@@ -227,7 +231,7 @@ int dotqmail_reset(const char *path)
 
 int dotqmail_add_delivery(const char *path)
 {
-    if (dotqmail_refuse_link(path) != 0)
+    if (dotqmail_refuse_special(path) != 0)
         return dotqmail_fail(errno, "Unable to add string to %s file.", path);
     // Whatever delivery line there was goes, so the one added is the only one.
     const char *const old[] = {kPlainDelivery, kQuotaDelivery, nullptr};
@@ -239,7 +243,7 @@ int dotqmail_add_delivery(const char *path)
 
 int dotqmail_remove_delivery(const char *path)
 {
-    if (dotqmail_refuse_link(path) != 0)
+    if (dotqmail_refuse_special(path) != 0)
         return dotqmail_fail(errno, "Unable to remove string from %s file", path);
     const char *const lines[] = {kPlainDelivery, kQuotaDelivery, nullptr};
     if (file_strings(path, lines, FILE_STR_REMOVE, 0) != 0)

@@ -6,9 +6,10 @@
 // renames it into place, the other edits go through file_str. After every
 // successful change the file belongs to "popuser" and its group with mode
 // 0600, set on a descriptor that never follows a symbolic link. The edits
-// refuse a ".qmail" that is a symbolic link (errno ELOOP): the home belongs
-// to the mailbox owner, and root must not edit or give away what such a link
-// points at. The reset replaces a link by a file of its own.
+// refuse a ".qmail" that is a symbolic link (errno ELOOP) or not a regular
+// file (EINVAL; a FIFO would stall the edit): the home belongs to the mailbox
+// owner, and root must not edit or give away what such a link points at.
+// The reset replaces either by a file of its own.
 //
 // Every function returns 0 on success and -1 on failure after reporting
 // through messlog2 (status 0), with errno saying why. A failed edit leaves
@@ -41,8 +42,10 @@ int add_mailname_delivery(const char *mailname, const char *domain);
 int remove_mailname_delivery(const char *mailname, const char *domain);
 
 // For the edits of this file: -1 with errno ELOOP, and nothing reported,
-// when path is a symbolic link; 0 otherwise, a missing path included.
-int dotqmail_refuse_link(const char *path);
+// when path is a symbolic link; -1 with errno EINVAL after "Unable to open
+// file PATH: not a regular file" when it is a FIFO or anything else that is
+// not a regular file; 0 otherwise, a missing path included.
+int dotqmail_refuse_special(const char *path);
 // Gives the file at path to popuser, its group and mode 0600; refuses
 // anything but a regular file with a single link.
 int dotqmail_set_owner(const char *path);

@@ -50,7 +50,7 @@ int dotqmail_add_forward(const char *path, const char *address)
         return dotqmail_fail(errno, "asprintf(\"&%%s\", %s) failed: %s", ascii.get(), std::strerror(errno));
     const CString line(formed);
 
-    if (dotqmail_refuse_link(path) != 0)
+    if (dotqmail_refuse_special(path) != 0)
         return dotqmail_fail(errno, "Unable to add string to %s file.", path);
     file_str(path, line.get(), FILE_STR_REMOVE, 0);
     if (file_str(path, line.get(), FILE_STR_ADD, FILE_STR_PREPEND) != 0)
@@ -68,7 +68,7 @@ int dotqmail_remove_forward(const char *path, const char *address)
         return dotqmail_fail(errno, "asprintf(\"&%%s\", %s): %s", ascii.get(), std::strerror(errno));
     const CString line(formed);
 
-    if (dotqmail_refuse_link(path) != 0)
+    if (dotqmail_refuse_special(path) != 0)
         return dotqmail_fail(errno, "Unable to remove string from %s file.", path);
     if (file_str(path, line.get(), FILE_STR_REMOVE, 0) != 0)
         return dotqmail_fail(errno, "Unable to remove string from %s file.", path);

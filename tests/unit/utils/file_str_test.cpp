@@ -67,13 +67,15 @@ TEST_F(FileStrTest, FailuresReturnOneReportAndLeaveNothingBehind)
     const std::string target = dir_ + "/secret", link = dir_ + "/link";
     spit(target, "line\nsecret\n");
     ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+    const std::string fifo = dir_ + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     // The messages end in a line feed and the message routine then adds the
     // system error line, hence the empty line between them.
     const struct { const char *fault; std::string path; int operation, position; std::string want_out; } cases[] = {
         {"remove_from_missing_file_reports_or_creates", none, FILE_STR_REMOVE, 0, ""},
         {"missing_file_not_reported", none, FILE_STR_ADD, FILE_STR_PREPEND, report("Unable to open file " + none, ENOENT)},
-        {"read_failure_not_reported", dir_, FILE_STR_REMOVE, 0,
-         "Unable to read file " + dir_ + ": Is a directory\nSystem error 21: Is a directory\n"},
+        {"fifo_waited_on", fifo, FILE_STR_REMOVE, 0,
+         "Unable to open file " + fifo + ": not a regular file\n\nSystem error 22: Invalid argument\n"},
         {"rewrite_follows_link", link, FILE_STR_REMOVE, 0, report("Unable to open file " + link, ELOOP)},
         {"unknown_operation_run", none, 7, 0,
          "file_str: unknown operation 7 at position 0 on " + none + "\n\nSystem error 22: Invalid argument\n"},

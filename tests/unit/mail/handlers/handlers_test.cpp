@@ -1,5 +1,6 @@
 #include "mail/handlers/handlers.h"
 #include "mail/handlers/handlers_mass.h"
+#include "utils/MKLock.h"
 
 #include "support/child_capture.h"
 #include "support/files.h"
@@ -37,8 +38,13 @@ public:
         spit(refresh, "#!/bin/sh\necho \"$@\" >> '" + temp_.path() + "/refresh.log'\n");
         fs::permissions(refresh, fs::perms(0755));
         handlers_set_paths_for_testing(root.c_str(), refresh.c_str());
+        mk_lock_set_dir_for_testing((temp_.path() + "/locks").c_str());
     }
-    ~Store() { handlers_set_paths_for_testing(nullptr, nullptr); }
+    ~Store()
+    {
+        handlers_set_paths_for_testing(nullptr, nullptr);
+        mk_lock_set_dir_for_testing(nullptr);
+    }
 
     // Refresh calls since the last look.
     int refreshes()

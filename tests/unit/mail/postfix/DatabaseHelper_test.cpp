@@ -146,7 +146,7 @@ TEST_F(DatabaseHelperCompiler, FailuresLeaveTheLiveTable)
         std::string want;
     } cases[] = {
         {"filter_compile_failure_ignored", rebuild + ":exit", filter(table, false), "configuration: postmap: fatal: injected\n"},
-        {"filter_compile_killed_after_writing", rebuild + ":kill", filter(table, false), "configuration: unknown error"},
+        {"filter_compile_killed_after_writing", rebuild + ":kill", filter(table, false), "configuration: terminated by signal 9 (Killed)"},
         {"replace_compile_failure_ignored", "-r:exit", replace(table), "configuration: postmap: fatal: injected\n"},
         {"removal_killed_taken_for_absent_key", "-d:kill", [&] { DatabaseHelper::removeRecord(table, "x@x.test"); },
          "database: "},
