@@ -58,7 +58,7 @@ std::string MainCfManager::getStringValue(const std::string &name, bool defaultV
                                       process::makeStringReceiver(value),
                                       process::makeStringReceiver(errors));
     if (!exitedZero(status))
-        throw PostfixConfigurationError(failureText(errors));
+        throw PostfixConfigurationError(failureText(errors, status));
     if (value.empty() && !DatabaseHelper::checkOutput(errors, false))
         throw PostfixConfigurationError(errors);
     return trim(value, " \t\r\n");
@@ -79,7 +79,7 @@ void MainCfManager::writeValue(const std::string &name, const std::string &value
     const int status = runPostfixTool(configTool, {"-e", name + "=" + value},
                                       process::InputSource(), collect, collect);
     if (!exitedZero(status))
-        throw PostfixConfigurationError(failureText(output));
+        throw PostfixConfigurationError(failureText(output, status));
 }
 
 std::vector<std::string> MainCfManager::splitSimpleList(const std::string &value)

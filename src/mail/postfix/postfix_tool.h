@@ -24,7 +24,7 @@ bool exitedZero(int status);
 // The message of a failed tool run: what it said, or "unknown error". With
 // the run's wait status, a tool ended by a signal says so after its output:
 // "terminated by signal 9 (Killed)".
-std::string failureText(const std::string &output, int status = 0);
+std::string failureText(const std::string &output, int status);
 
 } // namespace postfix
 } // namespace mail
