@@ -474,15 +474,6 @@ bool remove_domain(sqlite3 *db, const char *domain)
                .run("Unable to execute the domain mail authorization removal query: %s") == 0;
 }
 
-// One-statement changes of their own transaction.
-int run_change(const std::function<int(Statement &)> &run, const char *sql)
-{
-    return change([&](sqlite3 *db) {
-        Statement st(db, sql);
-        return run(st) == 0;
-    });
-}
-
 } // namespace
 
 sqlite3_int64 getDomainId(const char *domain, sqlite3 **db, unsigned char flags)
@@ -535,13 +526,14 @@ int mailAuthClone(const char *src_mailname, const char *src_domain, const char *
 
 int setDomainStatus(const char *domain, int status)
 {
-    return run_change([&](Statement &st) {
-        return st.integer(status, "Unable to bind parameter status %d to  SQL statement for query '%s': %s",
-                          status)
-            .text(domain, "Unable to bind parameter domain name '%s' to  SQL statement for query '%s': %s",
-                  domain)
-            .run("Unable to execute the mail domain authorization status change query: %s");
-    }, "UPDATE domains SET status=? WHERE name=?");
+    return change([&](sqlite3 *db) {
+        return Statement(db, "UPDATE domains SET status=? WHERE name=?")
+                   .integer(status, "Unable to bind parameter status %d to  SQL statement for query '%s': %s",
+                            status)
+                   .text(domain, "Unable to bind parameter domain name '%s' to  SQL statement for query"
+                                 " '%s': %s", domain)
+                   .run("Unable to execute the mail domain authorization status change query: %s") == 0;
+    });
 }
 
 int mailAuthEnableDomain(const char *domain) { return setDomainStatus(domain, 0); }
@@ -550,13 +542,14 @@ int mailAuthDisableDomain(const char *domain) { return setDomainStatus(domain, 1
 
 int mailAuthRenameDomain(const char *old_domain, const char *new_domain)
 {
-    return run_change([&](Statement &st) {
-        return st.text(new_domain, "Unable to bind parameter new domain name '%s' to SQL statement for query"
-                                   " '%s': %s", new_domain)
-            .text(old_domain, "Unable to bind parameter old domain name '%s' to SQL statement for query"
-                              " '%s': %s", old_domain)
-            .run("Unable to execute the mail domain authorization name change query: %s");
-    }, "UPDATE domains SET name=? WHERE name=?");
+    return change([&](sqlite3 *db) {
+        return Statement(db, "UPDATE domains SET name=? WHERE name=?")
+                   .text(new_domain, "Unable to bind parameter new domain name '%s' to SQL statement for"
+                                     " query '%s': %s", new_domain)
+                   .text(old_domain, "Unable to bind parameter old domain name '%s' to SQL statement for"
+                                     " query '%s': %s", old_domain)
+                   .run("Unable to execute the mail domain authorization name change query: %s") == 0;
+    });
 }
 
 int mailAuthRemoveDomain(const char *domain)
