@@ -4,6 +4,7 @@
 #include "mail/postfix/MailnameManager.h"
 #include "mailtend/MailnameArguments.h"
 #include "utils/dbconnect.h"
+#include "utils/liblog.h"
 
 namespace zarnet::mail::postfix::mailtend_commands {
 
@@ -47,17 +48,26 @@ bool panelReachable()
 
 } // namespace
 
+// The mailbox commands change the logins first, in a transaction left open
+// while the delivery file is edited: a failure of either (the edit throws)
+// leaves both as they were. Only a failed commit after the edit can split
+// them, and then the message says what stayed done.
 int addMailbox(const Args &args)
 {
     const MailnameArguments a = mailnameArguments(args, MailnameCheck::Syntax);
     if (!panelReachable())
         return 1;
 
-    MailnameManager::enableDelivery(a.domain, a.mailname);
     const EnvPassword p = readEnvPassword(args);
-    const int stored =
-        set_passwd_for_domains(a.mailname.c_str(), a.domain.c_str(), p.password, p.flags);
-    return stored == -1 ? 1 : 0;
+    MailAuthCommand auth;
+    if (set_passwd_for_domains(a.mailname.c_str(), a.domain.c_str(), p.password, p.flags) == -1)
+        return 1;
+    MailnameManager::enableDelivery(a.domain, a.mailname);
+    if (auth.commit() == 0)
+        return 0;
+    zarnet_log(3, "Mail delivery for %s@%s was switched on, but its logins were not stored",
+               a.mailname.c_str(), a.domain.c_str());
+    return 1;
 }
 
 int removeMailbox(const Args &args)
@@ -66,8 +76,15 @@ int removeMailbox(const Args &args)
     if (!panelReachable())
         return 1;
 
+    MailAuthCommand auth;
+    if (rm_mails_from_domains(a.mailname.c_str(), a.domain.c_str()) == -1)
+        return 1;
     MailnameManager::disableDelivery(a.domain, a.mailname);
-    return rm_mails_from_domains(a.mailname.c_str(), a.domain.c_str()) == -1 ? 1 : 0;
+    if (auth.commit() == 0)
+        return 0;
+    zarnet_log(3, "Mail delivery for %s@%s was switched off, but its logins were not removed",
+               a.mailname.c_str(), a.domain.c_str());
+    return 1;
 }
 
 int setPassword(const Args &args)

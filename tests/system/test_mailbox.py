@@ -1,12 +1,13 @@
 """Mailboxes: logins through the real authentication daemon, quotas through real delivery."""
 
+import time
 import warnings
 
 import pytest
 
 from conftest import EXPECTED
 from panel_db import PanelDB
-from sandbox import MAILNAMES, POPUSER
+from sandbox import AUTH_DB, MAILNAMES, POPUSER, wait_for
 
 with warnings.catch_warnings():
     warnings.simplefilter("ignore", DeprecationWarning)
@@ -160,6 +161,77 @@ def test_failures_change_nothing(sb, fault, broken, commands, message):
         assert r.err.count("\n") == 1, r
     assert sb.read_text(f"{HOME}/info/.qmail") == "| true\n"
     assert sb.sqlite("SELECT count(*) FROM users; SELECT count(*) FROM domains;").out == "0\n0\n"
+
+
+# passwd.db's write lock, held by another process until the file /tmp/release appears
+HOLDER = ("import os, sqlite3, sys, time\n"
+          "db = sqlite3.connect(sys.argv[1], isolation_level=None)\n"
+          "db.execute('BEGIN EXCLUSIVE')\nprint('locked', flush=True)\n"
+          "for _ in range(1200):\n    if os.path.exists('/tmp/release'): break\n    time.sleep(0.05)\n")
+
+
+def hold_lock(sb):
+    sb.spawn(["python3", "-c", HOLDER, AUTH_DB], log="/tmp/holder.log")
+    assert wait_for(lambda: "locked" in sb.read_text("/tmp/holder.log"))
+
+    def release():
+        sb.write("/tmp/release", "")
+        assert wait_for(lambda: sb.sqlite("BEGIN IMMEDIATE; ROLLBACK;").rc == 0)
+        for path in ("/tmp/release", "/tmp/holder.log"):
+            sb.remove(path)
+    return release
+
+
+def garbage(sb):
+    saved, st = sb.read(AUTH_DB), sb.stat(AUTH_DB)
+    keep = dict(mode=st.st_mode & 0o777, uid=st.st_uid, gid=st.st_gid)
+    sb.write(AUTH_DB, b"not a database\n" * 64, **keep)  # in place: the daemon keeps it open
+    return lambda: sb.write(AUTH_DB, saved, **keep)
+
+
+def failing_alias_row(sb):
+    sb.sqlite("CREATE TRIGGER planted BEFORE INSERT ON users WHEN NEW.name = 'sales' AND NEW.dom_id ="
+              " (SELECT id FROM domains WHERE name = 'example.org') BEGIN SELECT RAISE(ABORT, 'planted');"
+              " END;").check()
+    return lambda: sb.sqlite("DROP TRIGGER planted;").check()
+
+
+def no_home(sb):
+    sb.remove(f"{HOME}/info")
+    return lambda: sb.make_home(DOMAIN, "info")
+
+
+NO_START = "Unable to start a transaction in the mail authentication database: "
+SPOILED = [  # fault, what breaks, command, part of its messages
+    ("lock waited for without limit", hold_lock, "--set-password", f"Mail authentication database"
+     f" {AUTH_DB} stayed locked for 5 seconds, giving up\n{NO_START}database is locked\n"),
+    ("lock waited for without limit, or delivery switched on", hold_lock, "--add-mailbox",
+     f"Mail authentication database {AUTH_DB} stayed locked for 5 seconds, giving up\n"),
+    ("delivery switched on without logins", garbage, "--add-mailbox",
+     NO_START + "file is not a database\n"),
+    ("rows before the failing one kept", failing_alias_row, "--set-password",
+     "Unable to execute the mail authorization registration query: planted\n"),
+    ("logins stored without delivery", no_home, "--add-mailbox",
+     f"\nFatal error: zarnet::SystemError(unable to modify {HOME}/info/.qmail"),
+]
+
+
+@pytest.mark.parametrize("fault,spoil,command,message", SPOILED, ids=[s[0] for s in SPOILED])
+def test_failed_command_leaves_logins_and_delivery(sb, fault, spoil, command, message):
+    def state():
+        return sb.sqlite("SELECT u.id, u.name, d.name, u.userPassword FROM users u JOIN domains d"
+                         " ON u.dom_id = d.id ORDER BY u.id;").out, sb.read_text(f"{HOME}/info/.qmail")
+    sb.mailtend("--set-password", *INFO, env={"ZRN_PASSWORD": "old"}).expect()
+    before, restore, start = state(), spoil(sb), time.monotonic()
+    try:
+        r = sb.mailtend(command, *INFO, env={"ZRN_PASSWORD": "new"})
+        waited = time.monotonic() - start
+    finally:
+        restore()
+    assert r.rc == 1 and message in r.err, r
+    # the lock is waited for, but not for long
+    assert (waited > 4.5) == (spoil is hold_lock) and waited < 8, (waited, r)
+    assert state() == before
 
 
 @pytest.mark.parametrize("command,last", [

@@ -12,8 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <list>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -23,12 +25,31 @@ const char domain_id_failure[] =
     "Unable to bind parameter domain ID for mail address '%s@%s' to  SQL statement for query '%s': %s";
 const char no_domain_format[] = "No such domain '%s' in the mail authentication DB";
 
+// The transaction on passwd.db in progress: a spreading function's, or the
+// one a MailAuthCommand keeps for its command.
+struct Session {
+    sqlite3 *db = nullptr; // open in a transaction, else null
+    int depth = 0;         // changes running in it
+    bool command = false;  // a MailAuthCommand lives
+    bool failed = false;   // and a change of its command failed
+} session;
+
+// passwd.db for reading: the transaction in progress, which holds the rows
+// changed so far, else a handle of its own.
 struct Handle {
+    const bool own = session.db == nullptr;
     sqlite3 *db = nullptr;
     Handle(const Handle &) = delete;
     Handle &operator=(const Handle &) = delete;
-    explicit Handle(int flags, const char *format) : db(mailAuthDBOpen(flags, format)) {}
-    ~Handle() { mailAuthDBClose(db); }
+    explicit Handle(int flags, const char *format)
+        : db(own ? mailAuthDBOpen(flags, format) : session.db)
+    {
+    }
+    ~Handle()
+    {
+        if (own)
+            mailAuthDBClose(db);
+    }
 };
 
 // One statement: prepared at construction, its parameters bound in order,
@@ -124,13 +145,68 @@ private:
     int index_ = 0;
 };
 
-// A statement that changes rows on a handle of its own.
-struct Change : Handle, Statement {
-    explicit Change(const char *sql)
-        : Handle(SQLITE_OPEN_READWRITE, open_rw_format), Statement(db, sql)
-    {
+// Opens passwd.db and starts the session's transaction; false after a report.
+bool begin()
+{
+    sqlite3 *db = mailAuthDBOpen(SQLITE_OPEN_READWRITE, open_rw_format);
+    if (db == nullptr)
+        return false;
+    // Immediate: a lock held elsewhere shows before any row is read.
+    if (mailAuthDBExec(db, "BEGIN IMMEDIATE", nullptr) != SQLITE_OK) {
+        zarnet_log(3, "Unable to start a transaction in the mail authentication database: %s",
+                   sqlite3_errmsg(db));
+        mailAuthDBClose(db);
+        return false;
     }
-};
+    session.db = db;
+    return true;
+}
+
+// Commits (commit true) or rolls back the session's transaction and closes
+// its handle. 0, or -1 when the commit failed (its rows are then gone).
+int end(bool commit)
+{
+    sqlite3 *db = session.db;
+    session.db = nullptr;
+    int result = 0;
+    if (commit && mailAuthDBExec(db, "COMMIT", nullptr) != SQLITE_OK) {
+        zarnet_log(3, "Unable to commit the changes to the mail authentication database: %s",
+                   sqlite3_errmsg(db));
+        result = -1;
+    }
+    // A RAISE(ROLLBACK) trigger may have ended the transaction already.
+    if (!sqlite3_get_autocommit(db))
+        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    mailAuthDBClose(db);
+    return result;
+}
+
+// apply(db) in the transaction in progress, else in one of its own: all
+// of its rows are stored or none. A failure rolls back everything the
+// transaction holds, and ends a command's changes. 0 or -1.
+int change(const std::function<bool(sqlite3 *db)> &apply)
+{
+    if (session.db == nullptr) {
+        if (session.failed) {
+            zarnet_log(3, "Mail authentication database left unchanged after an earlier failure");
+            return -1;
+        }
+        if (!begin()) {
+            session.failed = session.command;
+            return -1;
+        }
+    }
+    ++session.depth;
+    const bool ok = apply(session.db);
+    if (--session.depth > 0)
+        return ok ? 0 : -1;
+    if (!ok) {
+        end(false);
+        session.failed = session.command;
+        return -1;
+    }
+    return session.command ? 0 : end(true);
+}
 
 int row_flags(const char *enc_password, int user_status, int domain_status)
 {
@@ -209,72 +285,73 @@ void md5_crypt(const char *password, char *out, size_t size)
     std::snprintf(out, size, "%s", hashed);
 }
 
-// The panel's list for one query; owns the array.
-struct PanelList {
+// The names one panel list query gives, appended to *names; *listed tells
+// whether the panel gave a list at all. false when the query failed.
+template <typename Query>
+bool panel_list(Query query, std::vector<std::string> *names, bool *listed = nullptr)
+{
     char **items = nullptr;
-    PanelList() = default;
-    PanelList(const PanelList &) = delete;
-    PanelList &operator=(const PanelList &) = delete;
-    ~PanelList() { free_array(items); }
-};
-
-// apply on each item, stopping at the first false: -1 then, 0 for a list
-// the panel left null, 1 otherwise.
-template <typename Apply>
-int each(const PanelList &list, Apply apply)
-{
-    if (list.items == nullptr)
-        return 0;
-    for (char **item = list.items; *item != nullptr; ++item)
-        if (!apply(*item))
-            return -1;
-    return 1;
+    if (query(&items) != 0)
+        return false;
+    if (listed != nullptr)
+        *listed = items != nullptr;
+    for (char **item = items; item != nullptr && *item != nullptr; ++item)
+        names->emplace_back(*item);
+    free_array(items);
+    return true;
 }
 
-// apply(name, is_alias) on the domain, then on each of its domain aliases.
-template <typename Apply>
-int on_domain_and_aliases(const char *domain, const char *list_failure, Apply apply)
+// The domain, then its domain aliases; false after failure's report.
+bool domain_and_aliases(const char *domain, const char *failure, std::vector<std::string> *names,
+                        bool *listed)
 {
-    if (!apply(domain, false))
-        return -1;
-    PanelList aliases;
-    if (get_domaliases_by_domain(nullptr, &aliases.items, domain) != 0) {
-        zarnet_log(3, list_failure, domain);
-        return -1;
-    }
-    return each(aliases, [&](const char *alias) { return apply(alias, true); });
+    names->assign(1, domain);
+    if (panel_list([&](char ***out) { return get_domaliases_by_domain(nullptr, out, domain); },
+                   names, listed))
+        return true;
+    zarnet_log(3, failure, domain);
+    return false;
 }
 
-// For every mailname of domain: apply(name, false) on each of its mail
-// aliases, then apply(mailname, true).
-template <typename Apply>
-int on_mailnames(const char *domain, const char *aliases_failure, Apply apply)
+// For every mailname of domain its mail aliases, then (with_mailnames) the
+// mailname; false after a report.
+bool mailnames_and_aliases(const char *domain, const char *aliases_failure, bool with_mailnames,
+                           std::vector<std::string> *names, bool *listed)
 {
-    PanelList mailnames;
-    if (get_mailnames_by_domain(nullptr, &mailnames.items, domain) != 0) {
+    std::vector<std::string> mailnames;
+    if (!panel_list([&](char ***out) { return get_mailnames_by_domain(nullptr, out, domain); },
+                    &mailnames, listed)) {
         zarnet_log(3, "Unable to get mailnames from domain %s", domain);
-        return -1;
+        return false;
     }
-    return each(mailnames, [&](const char *mailname) {
-        PanelList aliases;
-        if (get_aliases_by_mailname(nullptr, &aliases.items, mailname, domain) != 0) {
-            zarnet_log(3, aliases_failure, mailname, domain);
+    for (const std::string &mailname : mailnames) {
+        if (!panel_list([&](char ***out) {
+                return get_aliases_by_mailname(nullptr, out, mailname.c_str(), domain);
+            }, names)) {
+            zarnet_log(3, aliases_failure, mailname.c_str(), domain);
             return false;
         }
-        return each(aliases, [&](const char *alias) { return apply(alias, false); }) != -1 &&
-               apply(mailname, true);
-    });
+        if (with_mailnames)
+            names->push_back(mailname);
+    }
+    return true;
 }
 
-} // namespace
+// A spreading function's result: apply in one transaction, with the
+// panel's lists read before.
+int spread(bool listed, const std::function<bool(sqlite3 *db)> &apply)
+{
+    return change(apply) == -1 ? -1 : listed ? 1 : 0;
+}
 
-sqlite3_int64 getDomainId(const char *domain, sqlite3 **db, unsigned char flags)
+// getDomainId on a handle that stays open: -2 for a failure.
+sqlite3_int64 domain_id(sqlite3 *db, const char *domain, unsigned char flags)
 {
     static const char domain_failure[] =
         "Unable to bind parameter domain name '%s' to  SQL statement for query '%s': %s";
     int found;
     {
-        Statement select(*db, "SELECT id FROM domains WHERE name=?");
+        Statement select(db, "SELECT id FROM domains WHERE name=?");
         found = select.text(domain, domain_failure, domain)
                     .step("Unable to execute the domain selection query: %s");
         if (found == 1)
@@ -284,89 +361,69 @@ sqlite3_int64 getDomainId(const char *domain, sqlite3 **db, unsigned char flags)
         return -1;
     if (found == 0) {
         const int status = flags != 0 ? 1 : 0;
-        found = Statement(*db, "INSERT INTO domains (name, status) VALUES(?, ?)")
+        found = Statement(db, "INSERT INTO domains (name, status) VALUES(?, ?)")
                     .text(domain, domain_failure, domain)
                     .integer(status, "Unable to bind parameter status '%d' for domain '%s' to SQL statement"
                                      " for query '%s': %s", status, domain)
                     .run("Unable to execute the mail domain authentication registration query: %s");
         if (found == 0)
-            return sqlite3_last_insert_rowid(*db);
+            return sqlite3_last_insert_rowid(db);
     }
-    mailAuthDBClose(*db);
-    *db = nullptr;
-    return -1;
+    return -2;
 }
 
-int mailAuthSet(const char *mailname, const char *domain, const char *password, int flags)
+// The record functions on an open handle; true on success.
+
+bool set_user(sqlite3 *db, const char *mailname, const char *domain, const char *password, int flags)
 {
-    Handle h(SQLITE_OPEN_READWRITE, open_rw_format);
-    if (h.db == nullptr)
-        return -1;
-    const sqlite3_int64 dom_id = getDomainId(domain, &h.db, flags & MAIL_AUTH_DOMAIN_DISABLED);
-    if (dom_id == -1) {
+    const sqlite3_int64 dom_id = domain_id(db, domain, flags & MAIL_AUTH_DOMAIN_DISABLED);
+    if (dom_id < 0) {
         zarnet_log(3, no_domain_format, domain);
-        return -1;
+        return false;
     }
-    return Statement(h.db, (flags & MAIL_AUTH_ENCRYPTED)
-                               ? "INSERT OR REPLACE INTO users (name, cmusaslsecretPLAIN, status, dom_id)"
-                                 " VALUES (?, ?, ?, ?)"
-                               : "INSERT OR REPLACE INTO users (name, userPassword, status, dom_id)"
-                                 " VALUES (?, ?, ?, ?)")
-        .text(mailname, "Unable to bind parameter mailname '%s' to SQL statement for query '%s': %s",
-              mailname)
-        .text(password, "Unable to bind parameter password for mail address '%s@%s' to SQL statement for"
-                        " query '%s': %s", mailname, domain)
-        .integer((flags >> 1) & 1, "Unable to bind parameter status for mail address '%s@%s' to  SQL"
-                                   " statement for query '%s': %s", mailname, domain)
-        .integer(dom_id, domain_id_failure, mailname, domain)
-        .run("Unable to execute the mail authorization registration query: %s");
+    return Statement(db, (flags & MAIL_AUTH_ENCRYPTED)
+                             ? "INSERT OR REPLACE INTO users (name, cmusaslsecretPLAIN, status, dom_id)"
+                               " VALUES (?, ?, ?, ?)"
+                             : "INSERT OR REPLACE INTO users (name, userPassword, status, dom_id)"
+                               " VALUES (?, ?, ?, ?)")
+               .text(mailname, "Unable to bind parameter mailname '%s' to SQL statement for query '%s': %s",
+                     mailname)
+               .text(password, "Unable to bind parameter password for mail address '%s@%s' to SQL statement"
+                               " for query '%s': %s", mailname, domain)
+               .integer((flags >> 1) & 1, "Unable to bind parameter status for mail address '%s@%s' to  SQL"
+                                          " statement for query '%s': %s", mailname, domain)
+               .integer(dom_id, domain_id_failure, mailname, domain)
+               .run("Unable to execute the mail authorization registration query: %s") == 0;
 }
 
-int mailAuthRemove(const char *mailname, const char *domain)
+bool remove_user(sqlite3 *db, const char *mailname, const char *domain)
 {
-    Handle h(SQLITE_OPEN_READWRITE, open_rw_format);
-    const sqlite3_int64 dom_id =
-        h.db != nullptr ? getDomainId(domain, &h.db, MAIL_AUTH_NO_CREATE) : -1;
-    if (dom_id == -1)
-        return h.db == nullptr ? -1 : 0; // a failed lookup is no missing domain
-    return Statement(h.db, "DELETE FROM users WHERE name=? AND dom_id=?")
-        .text(mailname, "Unable to bind parameter mailname '%s' to  SQL statement for query '%s': %s",
-              mailname)
-        .integer(dom_id, domain_id_failure, mailname, domain)
-        .run("Unable to execute the mail authorization removal query: %s");
+    const sqlite3_int64 dom_id = domain_id(db, domain, MAIL_AUTH_NO_CREATE);
+    if (dom_id < 0)
+        return dom_id == -1; // a failed lookup is no missing domain
+    return Statement(db, "DELETE FROM users WHERE name=? AND dom_id=?")
+               .text(mailname, "Unable to bind parameter mailname '%s' to  SQL statement for query '%s': %s",
+                     mailname)
+               .integer(dom_id, domain_id_failure, mailname, domain)
+               .run("Unable to execute the mail authorization removal query: %s") == 0;
 }
 
-int mailAuthRename(const char *old_mailname, const char *new_mailname, const char *domain)
+// set_postbox_passwd's choice.
+bool store(sqlite3 *db, const char *mailname, const char *domain, const char *password, int flags)
 {
-    Handle h(SQLITE_OPEN_READWRITE, open_rw_format);
-    const sqlite3_int64 dom_id =
-        h.db != nullptr ? getDomainId(domain, &h.db, MAIL_AUTH_NO_CREATE) : -1;
-    if (dom_id == -1) {
-        // A failed opening or lookup has been reported already.
-        if (h.db != nullptr)
-            zarnet_log(3, no_domain_format, domain);
-        return -1;
-    }
-    return Statement(h.db, "UPDATE users SET name=? WHERE name=? AND dom_id=?")
-        .text(new_mailname, "Unable to bind parameter new mailname '%s' to  SQL statement for query '%s': %s",
-              new_mailname)
-        .text(old_mailname, "Unable to bind parameter old mailname '%s' to  SQL statement for query '%s': %s",
-              old_mailname)
-        .integer(dom_id, domain_id_failure, old_mailname, domain)
-        .run("Unable to execute the mail authorization renaming query: %s");
+    return non_empty(password) ? set_user(db, mailname, domain, password, flags)
+                               : remove_user(db, mailname, domain);
 }
-
-namespace {
 
 // Reads the source user of mailAuthClone. 1 with *password (malloc'ed or
 // null) and *flags for a user, 0 for none, -1 after a report.
-int read_clone_source(const char *mailname, const char *domain, char **password, int *flags)
+int read_clone_source(sqlite3 *db, const char *mailname, const char *domain, char **password,
+                      int *flags)
 {
-    Handle h(SQLITE_OPEN_READONLY, open_ro_format);
     sqlite3_int64 dom_id;
     int domain_status;
     {
-        Statement st(h.db, "SELECT id, status FROM domains WHERE name=?", false);
+        Statement st(db, "SELECT id, status FROM domains WHERE name=?", false);
         const int found = st.text(domain, "Unable to bind parameter domain id for: %s: %s", domain)
                               .step("Unable to get domain id: %s");
         if (found == 0)
@@ -377,7 +434,7 @@ int read_clone_source(const char *mailname, const char *domain, char **password,
         domain_status = st.number(1);
     }
 
-    Statement st(h.db,
+    Statement st(db,
                  "SELECT name, userPassword, cmusaslsecretPLAIN, status FROM users WHERE dom_id=? AND name=?",
                  false);
     const int found = st.integer(dom_id, "Unable to bind parameter bind domain id for: %s: %s", domain)
@@ -396,34 +453,87 @@ int read_clone_source(const char *mailname, const char *domain, char **password,
     return 1;
 }
 
+bool clone_user(sqlite3 *db, const char *src_mailname, const char *src_domain,
+                const char *dst_mailname, const char *dst_domain)
+{
+    char *password = nullptr;
+    int flags = 0;
+    const int found = read_clone_source(db, src_mailname, src_domain, &password, &flags);
+    if (found < 0)
+        zarnet_log(3, "Unable to get users list from MTA password database");
+    const bool ok = found == 0 || (found == 1 && set_user(db, dst_mailname, dst_domain, password, flags));
+    std::free(password);
+    return ok;
+}
+
+bool remove_domain(sqlite3 *db, const char *domain)
+{
+    return Statement(db, "DELETE FROM domains WHERE name=?")
+               .text(domain, "Unable to bind parameter domain name '%s' to SQL statement for query '%s': %s",
+                     domain)
+               .run("Unable to execute the domain mail authorization removal query: %s") == 0;
+}
+
 } // namespace
+
+sqlite3_int64 getDomainId(const char *domain, sqlite3 **db, unsigned char flags)
+{
+    const sqlite3_int64 id = domain_id(*db, domain, flags);
+    if (id != -2)
+        return id;
+    mailAuthDBClose(*db);
+    *db = nullptr;
+    return -1;
+}
+
+int mailAuthSet(const char *mailname, const char *domain, const char *password, int flags)
+{
+    return change([&](sqlite3 *db) { return set_user(db, mailname, domain, password, flags); });
+}
+
+int mailAuthRemove(const char *mailname, const char *domain)
+{
+    return change([&](sqlite3 *db) { return remove_user(db, mailname, domain); });
+}
+
+int mailAuthRename(const char *old_mailname, const char *new_mailname, const char *domain)
+{
+    return change([&](sqlite3 *db) {
+        const sqlite3_int64 dom_id = domain_id(db, domain, MAIL_AUTH_NO_CREATE);
+        if (dom_id < 0) {
+            // A failed lookup has been reported already.
+            if (dom_id == -1)
+                zarnet_log(3, no_domain_format, domain);
+            return false;
+        }
+        return Statement(db, "UPDATE users SET name=? WHERE name=? AND dom_id=?")
+                   .text(new_mailname, "Unable to bind parameter new mailname '%s' to  SQL statement for query"
+                                       " '%s': %s", new_mailname)
+                   .text(old_mailname, "Unable to bind parameter old mailname '%s' to  SQL statement for query"
+                                       " '%s': %s", old_mailname)
+                   .integer(dom_id, domain_id_failure, old_mailname, domain)
+                   .run("Unable to execute the mail authorization renaming query: %s") == 0;
+    });
+}
 
 int mailAuthClone(const char *src_mailname, const char *src_domain, const char *dst_mailname,
                   const char *dst_domain)
 {
-    char *password = nullptr;
-    int flags = 0;
-    const int found = read_clone_source(src_mailname, src_domain, &password, &flags);
-    if (found < 0) {
-        zarnet_log(3, "Unable to get users list from MTA password database");
-        return -1;
-    }
-    if (found == 0)
-        return 0;
-    const int result = mailAuthSet(dst_mailname, dst_domain, password, flags);
-    std::free(password);
-    return result;
+    return change([&](sqlite3 *db) {
+        return clone_user(db, src_mailname, src_domain, dst_mailname, dst_domain);
+    });
 }
 
 int setDomainStatus(const char *domain, int status)
 {
-    Change change("UPDATE domains SET status=? WHERE name=?");
-    change.integer(status, "Unable to bind parameter status %d to  SQL statement for query '%s': %s",
-                   status);
-    return change
-        .text(domain, "Unable to bind parameter domain name '%s' to  SQL statement for query '%s': %s",
-              domain)
-        .run("Unable to execute the mail domain authorization status change query: %s");
+    return change([&](sqlite3 *db) {
+        return Statement(db, "UPDATE domains SET status=? WHERE name=?")
+                   .integer(status, "Unable to bind parameter status %d to  SQL statement for query '%s': %s",
+                            status)
+                   .text(domain, "Unable to bind parameter domain name '%s' to  SQL statement for query"
+                                 " '%s': %s", domain)
+                   .run("Unable to execute the mail domain authorization status change query: %s") == 0;
+    });
 }
 
 int mailAuthEnableDomain(const char *domain) { return setDomainStatus(domain, 0); }
@@ -432,19 +542,19 @@ int mailAuthDisableDomain(const char *domain) { return setDomainStatus(domain, 1
 
 int mailAuthRenameDomain(const char *old_domain, const char *new_domain)
 {
-    return Change("UPDATE domains SET name=? WHERE name=?")
-        .text(new_domain, "Unable to bind parameter new domain name '%s' to SQL statement for query '%s': %s",
-              new_domain)
-        .text(old_domain, "Unable to bind parameter old domain name '%s' to SQL statement for query '%s': %s",
-              old_domain)
-        .run("Unable to execute the mail domain authorization name change query: %s");
+    return change([&](sqlite3 *db) {
+        return Statement(db, "UPDATE domains SET name=? WHERE name=?")
+                   .text(new_domain, "Unable to bind parameter new domain name '%s' to SQL statement for"
+                                     " query '%s': %s", new_domain)
+                   .text(old_domain, "Unable to bind parameter old domain name '%s' to SQL statement for"
+                                     " query '%s': %s", old_domain)
+                   .run("Unable to execute the mail domain authorization name change query: %s") == 0;
+    });
 }
 
 int mailAuthRemoveDomain(const char *domain)
 {
-    return Change("DELETE FROM domains WHERE name=?")
-        .text(domain, "Unable to bind parameter domain name '%s' to SQL statement for query '%s': %s", domain)
-        .run("Unable to execute the domain mail authorization removal query: %s");
+    return change([&](sqlite3 *db) { return remove_domain(db, domain); });
 }
 
 int mailAuthCheck(const char *address, mailAuthCallback callback, void *data)
@@ -539,114 +649,181 @@ const char *get_env_crypted_password()
 
 int set_postbox_passwd(const char *mailname, const char *domain, const char *password, int flags)
 {
-    if (!non_empty(password))
-        return mailAuthRemove(mailname, domain);
-    return mailAuthSet(mailname, domain, password, flags);
+    return change([&](sqlite3 *db) { return store(db, mailname, domain, password, flags); });
 }
+
+namespace {
+
+// set_postbox_passwd for each name in each domain, the first domain the
+// mailbox's own.
+bool store_everywhere(sqlite3 *db, const std::vector<std::string> &names,
+                      const std::vector<std::string> &domains, const char *password, int flags)
+{
+    for (const std::string &name : names) {
+        for (const std::string &domain : domains) {
+            if (store(db, name.c_str(), domain.c_str(), password, flags))
+                continue;
+            if (&domain == &domains.front())
+                zarnet_log(3, "Unable to set password for mailname %s@%s", name.c_str(), domain.c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
 
 int set_passwd_for_domains(const char *mailname, const char *domain, const char *password,
                            int flags)
 {
-    return on_domain_and_aliases(domain, "Unable to get domain aliases for domain %s",
-                                 [&](const char *name, bool alias) {
-                                     if (set_postbox_passwd(mailname, name, password, flags) != -1)
-                                         return true;
-                                     if (!alias)
-                                         zarnet_log(3, "Unable to set password for mailname %s@%s",
-                                                    mailname, name);
-                                     return false;
-                                 });
+    std::vector<std::string> domains;
+    bool listed = false;
+    if (!domain_and_aliases(domain, "Unable to get domain aliases for domain %s", &domains, &listed))
+        return -1;
+    return spread(listed, [&](sqlite3 *db) {
+        return store_everywhere(db, {mailname}, domains, password, flags);
+    });
 }
 
 int set_mass_postbox_passwd(const char *mailname, const char *domain, const char *password,
                             int flags)
 {
-    if (set_passwd_for_domains(mailname, domain, password, flags) == -1)
+    std::vector<std::string> domains, names(1, mailname);
+    bool listed = false;
+    if (!domain_and_aliases(domain, "Unable to get domain aliases for domain %s", &domains, &listed) ||
+        !panel_list([&](char ***out) { return get_aliases_by_mailname(nullptr, out, mailname, domain); },
+                    &names, &listed))
         return -1;
-    PanelList aliases;
-    if (get_aliases_by_mailname(nullptr, &aliases.items, mailname, domain) != 0)
-        return -1;
-    return each(aliases, [&](const char *alias) {
-        return set_passwd_for_domains(alias, domain, password, flags) != -1;
+    return spread(listed, [&](sqlite3 *db) {
+        return store_everywhere(db, names, domains, password, flags);
     });
 }
 
 int rm_mname_from_domains(const char *mailname, const char *domain)
 {
-    return on_domain_and_aliases(domain, "Unable to get domain aliases for domain %s",
-                                 [&](const char *name, bool) {
-                                     if (mailAuthRemove(mailname, name) != -1)
-                                         return true;
-                                     zarnet_log(3, "Unable to remove mailname %s@%s", mailname, name);
-                                     return false;
-                                 });
+    std::vector<std::string> domains;
+    bool listed = false;
+    if (!domain_and_aliases(domain, "Unable to get domain aliases for domain %s", &domains, &listed))
+        return -1;
+    return spread(listed, [&](sqlite3 *db) {
+        for (const std::string &name : domains) {
+            if (!remove_user(db, mailname, name.c_str())) {
+                zarnet_log(3, "Unable to remove mailname %s@%s", mailname, name.c_str());
+                return false;
+            }
+        }
+        return true;
+    });
 }
 
 int rm_mails_from_domains(const char *mailname, const char *domain)
 {
-    if (mailAuthRemove(mailname, domain) == -1) {
-        zarnet_log(3, "Unable to remove mailname %s@%s", mailname, domain);
+    std::vector<std::string> domains, names(1, mailname);
+    bool listed = false;
+    if (!domain_and_aliases(domain, "Unable to get domain aliases for domain %s", &domains, nullptr))
         return -1;
-    }
-    const auto from_domains = [&](const char *name) {
-        if (rm_mname_from_domains(name, domain) != -1)
-            return true;
-        zarnet_log(3, "Unable to remove mailname from domain aliases");
-        return false;
-    };
-    if (!from_domains(mailname))
-        return -1;
-    PanelList aliases;
-    if (get_aliases_by_mailname(nullptr, &aliases.items, mailname, domain) != 0) {
+    if (!panel_list([&](char ***out) { return get_aliases_by_mailname(nullptr, out, mailname, domain); },
+                    &names, &listed)) {
         zarnet_log(3, "Unable to get mail aliases for mailname %s%s", mailname, domain);
         return -1;
     }
-    return each(aliases, from_domains);
+    return spread(listed, [&](sqlite3 *db) {
+        for (const std::string &name : names) {
+            for (const std::string &in : domains) {
+                if (remove_user(db, name.c_str(), in.c_str()))
+                    continue;
+                zarnet_log(3, "Unable to remove mailname %s@%s", name.c_str(), in.c_str());
+                if (&name != &names.front() || &in != &domains.front())
+                    zarnet_log(3, "Unable to remove mailname from domain aliases");
+                return false;
+            }
+        }
+        return true;
+    });
 }
 
 int domain_auth_action(const char *domain, int (*action)(const char *domain),
                        const char *action_text)
 {
-    return on_domain_and_aliases(domain, "Unable to get aliases for domain %s",
-                                 [&](const char *name, bool alias) {
-                                     if (action(name) != -1)
-                                         return true;
-                                     zarnet_log(3, alias ? "Unable to %s for domain alias %s"
-                                                         : "Unable to %s for domain %s",
-                                                action_text, name);
-                                     return false;
-                                 });
+    std::vector<std::string> domains;
+    bool listed = false;
+    if (!domain_and_aliases(domain, "Unable to get aliases for domain %s", &domains, &listed))
+        return -1;
+    // The action joins this transaction: it runs while it is in progress.
+    return spread(listed, [&](sqlite3 *) {
+        for (const std::string &name : domains) {
+            if (action(name.c_str()) == -1) {
+                zarnet_log(3, &name == &domains.front() ? "Unable to %s for domain %s"
+                                                        : "Unable to %s for domain alias %s",
+                           action_text, name.c_str());
+                return false;
+            }
+        }
+        return true;
+    });
 }
 
 int add_domain_auth_alias(const char *domain, const char *alias)
 {
-    return on_mailnames(domain, "Unable to get mail aliases for %s@%s",
-                        [&](const char *name, bool) {
-                            if (mailAuthClone(name, domain, name, alias) != -1)
-                                return true;
-                            zarnet_log(3, "Unable to clone auth record for %s@%s", name, domain);
-                            return false;
-                        });
+    std::vector<std::string> names;
+    bool listed = false;
+    if (!mailnames_and_aliases(domain, "Unable to get mail aliases for %s@%s", true, &names, &listed))
+        return -1;
+    return spread(listed, [&](sqlite3 *db) {
+        for (const std::string &name : names) {
+            if (!clone_user(db, name.c_str(), domain, name.c_str(), alias)) {
+                zarnet_log(3, "Unable to clone auth record for %s@%s", name.c_str(), domain);
+                return false;
+            }
+        }
+        return true;
+    });
 }
 
 int rm_domain_auth_alias(const char *alias)
 {
-    if (mailAuthRemoveDomain(alias) == -1) {
-        zarnet_log(3, "Unable to remove domain %s from auth database", alias);
-        return -1;
-    }
-    PanelList owner;
-    if (get_domain_by_domainalias(nullptr, &owner.items, alias) != 0) {
+    std::vector<std::string> owner, names;
+    bool listed = false;
+    if (!panel_list([&](char ***out) { return get_domain_by_domainalias(nullptr, out, alias); },
+                    &owner)) {
         zarnet_log(3, "Unable to get domain by domain alias %s", alias);
         return -1;
     }
-    if (owner.items == nullptr || owner.items[0] == nullptr)
-        return 0;
-    return on_mailnames(owner.items[0], "Unable to get aliases for mailname %s@%s",
-                        [&](const char *name, bool mailname) {
-                            if (mailname || mailAuthRemove(name, alias) != -1)
-                                return true;
-                            zarnet_log(3, "Unable to remove mail alias %s@%s", name, alias);
-                            return false;
-                        });
+    if (!owner.empty() &&
+        !mailnames_and_aliases(owner[0].c_str(), "Unable to get aliases for mailname %s@%s", false,
+                               &names, &listed))
+        return -1;
+    return spread(listed, [&](sqlite3 *db) {
+        if (!remove_domain(db, alias)) {
+            zarnet_log(3, "Unable to remove domain %s from auth database", alias);
+            return false;
+        }
+        for (const std::string &name : names) {
+            if (!remove_user(db, name.c_str(), alias)) {
+                zarnet_log(3, "Unable to remove mail alias %s@%s", name.c_str(), alias);
+                return false;
+            }
+        }
+        return true;
+    });
+}
+
+MailAuthCommand::MailAuthCommand()
+{
+    session.command = true;
+    session.failed = false;
+}
+
+MailAuthCommand::~MailAuthCommand()
+{
+    if (session.db != nullptr)
+        end(false);
+    session.command = false;
+}
+
+int MailAuthCommand::commit()
+{
+    if (session.failed)
+        return -1;
+    return session.db != nullptr ? end(true) : 0;
 }

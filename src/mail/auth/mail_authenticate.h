@@ -2,9 +2,12 @@
 // the environment, and the spreading of a change over the domain aliases and
 // mail aliases the panel lists.
 //
-// Every record function opens the database at mailAuthDB, works with bound
-// parameters only, and finalises and closes everything before it returns 0,
-// or -1 after one zarnet_log report at level 3 per failing layer. Names are
+// Every change runs in a transaction on the database at mailAuthDB: its
+// own, opened and committed before the function returns, or the one in
+// progress (the spreading function's or the MailAuthCommand's), which it
+// joins. Either all rows of a call change or none. Bound parameters only;
+// statements are finalised and handles closed before the return of 0, or -1
+// after one zarnet_log report at level 3 per failing layer. Names are
 // NUL-terminated: mailname = local part, domain = ASCII domain name.
 #ifndef MAILTEND_MAIL_AUTH_MAIL_AUTHENTICATE_H
 #define MAILTEND_MAIL_AUTH_MAIL_AUTHENTICATE_H
@@ -68,7 +71,9 @@ const char *get_env_noncrypted_password();
 const char *get_env_crypted_password();
 
 // Spreading functions: -1 on failure (stopping at the first failing item),
-// 0 when a panel list came back empty, 1 when a list was walked.
+// 0 when a panel list came back empty, 1 when a list was walked. Each reads
+// the panel's lists first, then changes every row in one transaction: a
+// failure leaves the database as it was.
 
 // Empty or null password: removes the user; otherwise stores it. 0 or -1.
 int set_postbox_passwd(const char *mailname, const char *domain, const char *password, int flags);
@@ -82,12 +87,30 @@ int rm_mname_from_domains(const char *mailname, const char *domain);
 // The mailname and its mail aliases, from the domain and its aliases.
 int rm_mails_from_domains(const char *mailname, const char *domain);
 // action (mailAuthRemoveDomain, mailAuthEnableDomain or mailAuthDisableDomain)
-// on the domain and each domain alias; action_text names it in reports.
+// on the domain and each domain alias, joining the transaction; action_text
+// names it in reports.
 int domain_auth_action(const char *domain, int (*action)(const char *domain),
                        const char *action_text);
 // Clones every mailname of the domain, and its mail aliases, into the alias.
 int add_domain_auth_alias(const char *domain, const char *alias);
 // Removes the alias's domain row and its mail aliases' records.
 int rm_domain_auth_alias(const char *alias);
+
+// All changes a command makes, in one transaction that it commits after its
+// other steps succeeded. While one lives the functions above leave their
+// rows to it, so passwd.db is opened (and its write lock taken) when the
+// first of them changes a row, after its panel lists are read. A failed
+// change rolls back everything the command changed and fails later ones.
+// The destructor rolls back what commit() did not store. One at a time.
+class MailAuthCommand {
+public:
+    MailAuthCommand();
+    ~MailAuthCommand();
+    MailAuthCommand(const MailAuthCommand &) = delete;
+    MailAuthCommand &operator=(const MailAuthCommand &) = delete;
+    // 0 when every change is stored (or none was asked), else -1; a failed
+    // commit is reported and leaves nothing stored.
+    int commit();
+};
 
 #endif

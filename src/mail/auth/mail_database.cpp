@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -47,21 +48,43 @@ const char schema_script[] =
 
 const int busy_timeout_ms = 50;
 
-// The pause after attempt number `attempt` (1 for the first) of a busy call:
-// none after the first, then 10 microseconds more after each further one.
-bool pause_after(unsigned long long attempt)
-{
-    if (attempt < 2)
-        return true;
-    const unsigned long long micros = (attempt - 1) * 10;
-    struct timespec left = {static_cast<time_t>(micros / 1000000),
-                            static_cast<long>(micros % 1000000) * 1000};
-    while (nanosleep(&left, &left) != 0) {
-        if (errno != EINTR)
+// How long one call waits for a lock another process holds. Deliveries and
+// the POP3/IMAP server hold theirs for milliseconds; a lock held for seconds
+// is a stuck writer, and the panel waiting on this command needs an answer.
+const int lock_wait_seconds = 5;
+
+// The repeats of one busy call: none before the second attempt, then 10
+// microseconds more before each further one, until lock_wait_seconds have
+// passed since the first.
+class Retry {
+public:
+    // false when the call must give up: the time is up (reported) or a
+    // pause failed; *rc then becomes the call's answer.
+    bool again(int *rc)
+    {
+        if (std::chrono::steady_clock::now() - start_ >= std::chrono::seconds(lock_wait_seconds)) {
+            zarnet_log(3, "Mail authentication database %s stayed locked for %d seconds, giving up",
+                       mailAuthDB, lock_wait_seconds);
             return false;
+        }
+        if (++attempt_ < 2)
+            return true;
+        const unsigned long long micros = (attempt_ - 1) * 10;
+        struct timespec left = {static_cast<time_t>(micros / 1000000),
+                                static_cast<long>(micros % 1000000) * 1000};
+        while (nanosleep(&left, &left) != 0) {
+            if (errno != EINTR) {
+                *rc = SQLITE_ERROR;
+                return false;
+            }
+        }
+        return true;
     }
-    return true;
-}
+
+private:
+    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    unsigned long long attempt_ = 0;
+};
 
 // mkdir -p with mode 0755 for every component created.
 int mkdir_chain(const char *dir)
@@ -110,8 +133,11 @@ void mailAuthDBSetPathForTesting(const char *path)
 
 int mailAuthDBExec(sqlite3 *db, const char *sql, char **errmsg)
 {
+    // Only a transaction the script opened itself is rolled back for a
+    // repeat: one the caller holds (a busy COMMIT) stays for the next try.
+    const bool outside = sqlite3_get_autocommit(db) != 0;
     int rc;
-    for (unsigned long long attempt = 1;; ++attempt) {
+    for (Retry retry;;) {
         if (errmsg != nullptr && *errmsg != nullptr) {
             sqlite3_free(*errmsg);
             *errmsg = nullptr;
@@ -119,48 +145,47 @@ int mailAuthDBExec(sqlite3 *db, const char *sql, char **errmsg)
         rc = sqlite3_exec(db, sql, nullptr, nullptr, errmsg);
         if (rc != SQLITE_BUSY && rc != SQLITE_LOCKED)
             return rc;
-        // A script that opened its own transaction is repeated from its start.
-        if (!sqlite3_get_autocommit(db))
+        if (outside && !sqlite3_get_autocommit(db))
             sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-        if (!pause_after(attempt))
-            return SQLITE_ERROR;
+        if (!retry.again(&rc))
+            return rc;
     }
 }
 
 int mailAuthDBPrepare(sqlite3 *db, const char *sql, sqlite3_stmt **stmt)
 {
-    for (unsigned long long attempt = 1;; ++attempt) {
+    for (Retry retry;;) {
         *stmt = nullptr;
-        const int rc = sqlite3_prepare_v2(db, sql, -1, stmt, nullptr);
+        int rc = sqlite3_prepare_v2(db, sql, -1, stmt, nullptr);
         if (rc != SQLITE_BUSY && rc != SQLITE_LOCKED)
             return rc;
         sqlite3_finalize(*stmt);
         *stmt = nullptr;
-        if (!pause_after(attempt))
-            return SQLITE_ERROR;
+        if (!retry.again(&rc))
+            return rc;
     }
 }
 
 int mailAuthDBStep(sqlite3_stmt *stmt)
 {
-    for (unsigned long long attempt = 1;; ++attempt) {
-        const int rc = sqlite3_step(stmt);
+    for (Retry retry;;) {
+        int rc = sqlite3_step(stmt);
         if (rc != SQLITE_BUSY && rc != SQLITE_LOCKED)
             return rc;
         sqlite3_reset(stmt);
-        if (!pause_after(attempt))
-            return SQLITE_ERROR;
+        if (!retry.again(&rc))
+            return rc;
     }
 }
 
 int mailAuthDBClose(sqlite3 *db)
 {
-    for (unsigned long long attempt = 1;; ++attempt) {
-        const int rc = sqlite3_close(db);
+    for (Retry retry;;) {
+        int rc = sqlite3_close(db);
         if (rc != SQLITE_BUSY)
             return rc;
-        if (!pause_after(attempt))
-            return SQLITE_ERROR;
+        if (!retry.again(&rc))
+            return rc;
     }
 }
 

@@ -40,13 +40,17 @@ int mailAuthDBDetectStyle();
 // Production code never calls it.
 void mailAuthDBSetPathForTesting(const char *path);
 
-// Database calls shared with the record functions. Each repeats its call for
-// as long as SQLite answers busy (and, except for close, locked), pausing 10
-// microseconds more after each attempt; a failed pause ends the loop with
-// SQLITE_ERROR.
+// Database calls shared with the record functions. Each repeats its call
+// while SQLite answers busy (and, except for close, locked), pausing 10
+// microseconds more after each attempt, for at most 5 seconds: then it logs
+// at level 3 "Mail authentication database <path> stayed locked for 5
+// seconds, giving up" and returns SQLite's busy answer. A failed pause ends
+// the loop with SQLITE_ERROR.
 
 // sqlite3_exec without callback; *errmsg as sqlite3_exec leaves it (null or
-// sqlite3_malloc'ed text of the last attempt; errmsg may be null).
+// sqlite3_malloc'ed text of the last attempt; errmsg may be null). A
+// transaction the script itself opened is rolled back before a repeat; one
+// the caller holds is kept.
 int mailAuthDBExec(sqlite3 *db, const char *sql, char **errmsg);
 // sqlite3_prepare_v2 of the whole text (reading the schema can be busy).
 int mailAuthDBPrepare(sqlite3 *db, const char *sql, sqlite3_stmt **stmt);

@@ -152,10 +152,11 @@ TEST_F(AuthSpreadSandboxed, DomainAliasesFollowPanelLists)
         {"domain_action_skips_aliases",
          [] { return domain_auth_action("d.sp", mailAuthDisableDomain, "disable auth records"); }, 1, "",
          "a1.sp 1, a3.sp 0, d.sp 1\n"},
-        {"failed_action_unreported", [] {
-             return ored({domain_auth_action("d.sp", [](const char *d) { return strcmp(d, "a1.sp") ? 0 : -1; }, "frob"),
+        {"failed_action_unreported_or_domain_change_kept", [] {
+             return ored({domain_auth_action("d.sp", [](const char *d) {
+                              return strcmp(d, "a1.sp") ? mailAuthRemoveDomain(d) : -1; }, "frob"),
                           domain_auth_action("d.sp", [](const char *) { return -1; }, "frob")}); },
-         -1, "Unable to frob for domain alias a1.sp\nUnable to frob for domain d.sp\n", nullptr},
+         -1, "Unable to frob for domain alias a1.sp\nUnable to frob for domain d.sp\n", "a1.sp 1, a3.sp 0, d.sp 1\n"},
     }, false);
     panel(clear);
 }
