@@ -42,14 +42,6 @@ template <class E, class F> [[maybe_unused]] void tolerate(F f)
     }
 }
 
-// Cuts the first line off text and returns it.
-[[maybe_unused]] std::string firstLine(std::string &text)
-{
-    const std::string head = text.substr(0, text.find('\n'));
-    text.erase(0, std::min(head.size() + 1, text.size()));
-    return head;
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -63,7 +55,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     boost::any v[3];
     tolerate<Rejected>([&] { mc::validate(v[0], {in}, static_cast<mc::IPMask *>(nullptr), 0); });
     tolerate<Rejected>([&] { mc::validate(v[1], {in}, static_cast<mc::ShortnameFormat *>(nullptr), 0); });
-    tolerate<Rejected>([&] { mc::validate(v[2], {in, in}, static_cast<mc::SelectedMailComponents *>(nullptr), 0); });
+    tolerate<Rejected>(
+        [&] { mc::validate(v[2], {in, in}, static_cast<mc::SelectedMailComponents *>(nullptr), 0); });
     tolerate<std::invalid_argument>([&] {
         zarnet::mail::postfix::mailname_validators::mailValidateExc(in);
         CHECK(in.find("..") == std::string::npos && in.find('\0') == std::string::npos);
@@ -75,26 +68,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (conf_read_file_r(path.c_str(), &store) == 0)
         for (unsigned i = 0; i < store.count; ++i) {
             const std::string name = store.entries[i].name, value = store.entries[i].value;
-            CHECK(!name.empty() && name.find_first_not_of("abcdefghijklmnopqrstuvwxyz"
-                                                          "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_") == std::string::npos);
+            CHECK(!name.empty() && std::all_of(name.begin(), name.end(), [](unsigned char c) {
+                      return std::isalnum(c) || c == '_';
+                  }));
             CHECK(value.find('#') == std::string::npos && conf_get_r(name.c_str(), &store));
             CHECK(value.empty() || (value.back() != ' ' && value.back() != '\t'));
         }
     conf_free_r(&store);
-    zrn_conf_set_path_for_testing(path.c_str());
-    zrn_conf_reset_for_testing();
-    for (int i = ZRN_CONF_INDEX_MIN; i <= ZRN_CONF_INDEX_MAX; ++i)
-        zrnConfGetByIndex(i);
 #elif defined(FUZZ_FILTERS)
-    // First line: a domain, second: its replacement, then the dump. The output must not
-    // depend on where the dump is cut into chunks, and a domain's removal leaves none of it.
+    // The input is a dump. The output must not depend on where the dump is cut
+    // into chunks, and a domain's removal leaves none of it.
     namespace db = zarnet::mail::postfix::database;
-    const std::string from = firstLine(in), to = firstLine(in);
-    const bool sub = !from.empty() && (from[0] & 1);
+    const std::string from = "example.com", to = "example.net";
+    const bool sub = size & 1;
     auto run = [&](auto filter, size_t cut) {
         std::ostringstream whole, pieces;
         db::DataStreamFilter<decltype(filter)> once(filter, whole), twice(filter, pieces);
-        cut = std::min(cut, in.size());
         once.filterChunk(std::vector<char>(in.begin(), in.end()));
         twice.filterChunk(std::vector<char>(in.begin(), in.begin() + cut));
         twice.filterChunk(std::vector<char>(in.begin() + cut, in.end()));
@@ -112,7 +101,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     run(db::ElementsFilter<db::ReplaceElementFilterRef>({from, to}), size / 3);
     run(db::ElementsFilter<db::ReplaceDomainPart>({from, to, sub}), size / 4);
-    run(db::KeyValueFilter<db::ReplaceDomainPath, db::ReplaceDomainPath>({from, to}, {to, from}), 1);
+    run(db::KeyValueFilter<db::ReplaceDomainPath, db::ReplaceDomainPath>({from, to}, {to, from}), size / 5);
 #elif defined(FUZZ_MAILDIRSIZE)
     static Scratch scratch; // "new" and "cur" exist, so a rejected file is counted instead
     std::filesystem::create_directories(scratch.dir + "/new");
@@ -122,21 +111,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     unsigned long long count = 0;
     CHECK(get_maildirpp_usage(scratch.dir.c_str(), &bytes, &count) == 1);
 #elif defined(FUZZ_DOTQMAIL)
-    // First line: a forwarding address; the rest: the old file. Removing the
-    // address must leave no copy of its line, wherever it stood.
+    // The input is the old file. Removing a forward must leave no copy of its
+    // line, wherever it stood.
     static Scratch scratch;
     mk_lock_set_dir_for_testing(scratch.dir.c_str());
-    const std::string address = firstLine(in).c_str(), path = scratch.put(".qmail", in);
-    dotqmail_add_forward(path.c_str(), address.c_str());
+    const std::string path = scratch.put(".qmail", in);
+    dotqmail_add_forward(path.c_str(), "info@example.com");
     dotqmail_add_delivery(path.c_str());
-    dotqmail_remove_forward(path.c_str(), address.c_str());
-    char *ascii = idn_email_toascii(address.c_str());
+    dotqmail_remove_forward(path.c_str(), "info@example.com");
     std::ifstream file(path, std::ios::binary);
     const std::string after = "\n" + std::string{std::istreambuf_iterator<char>(file), {}} + "\n";
-    if (ascii != nullptr && std::none_of(address.begin(), address.end(),
-                                         [](unsigned char c) { return c < 0x20 || c == 0x7f; }))
-        CHECK(after.find(std::string("\n&") + ascii + "\n") == std::string::npos);
-    std::free(ascii);
+    CHECK(after.find("\n&info@example.com\n") == std::string::npos);
     dotqmail_remove_delivery(path.c_str());
 #elif defined(FUZZ_IDN)
     namespace idn = zarnet::idn;
