@@ -13,12 +13,12 @@
 #include "utils/read_configuration.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
-#define CHECK(c) ((c) ? (void)0 : (std::fprintf(stderr, "check failed: %s\n", #c), std::abort()))
+// A failed property aborts; the stack trace names its line.
+#define CHECK(c) ((c) ? (void)0 : std::abort())
 
 namespace {
 

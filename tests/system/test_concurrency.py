@@ -1,6 +1,5 @@
-"""Processes changing one domain at once end where a serial run would: each owns its keys (next
-to the others' in the same tables and files), and shared keys only ever get the same change.
-bench/concurrency runs the same workload larger."""
+"""Processes changing one domain at once end where a serial run would: each owns its keys (beside
+the others' in shared tables and files); shared keys only ever get the same change."""
 
 import json
 import random
@@ -31,9 +30,8 @@ def handler(name, mailname, add=True):
 
 
 def workload(w, count, seed=0):
-    """count (argv, env) operations of process w, first the handler every process adds, and
-    what they leave: table keys, .qmail lines (its own, its forwards in "info"), handlers,
-    password."""
+    """count (argv, env) operations of process w, the first adding the handler every process adds,
+    and what they leave: table keys, .qmail lines (its own, its in "info"), handlers, password."""
     rng, me = random.Random(f"{seed}:{w}"), f"m{w}"
     ops = [(["--add-handler", *handler("shared", "info")], {})]
     want = {"table": [], "qmail": ["| true"], "info": [], "handlers": [], "login": None}
