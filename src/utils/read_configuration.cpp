@@ -34,7 +34,7 @@ bool isNameChar(char c)
 
 bool resize(conf_store *store, unsigned capacity)
 {
-    if (capacity > SIZE_MAX / sizeof(conf_pair))
+    if (static_cast<size_t>(capacity) > SIZE_MAX / sizeof(conf_pair))
         return false;
     void *grown = std::realloc(store->entries, capacity * sizeof(conf_pair));
     if (grown == nullptr)

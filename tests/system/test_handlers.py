@@ -1,7 +1,5 @@
 """The mail-handler store on disk, refreshed once per change and never for a query."""
 
-from concurrent.futures import ThreadPoolExecutor
-
 import pytest
 
 from conftest import EXPECTED
@@ -87,12 +85,6 @@ def test_handler_life_cycle(sb):
     sb.mailtend("--check-handler", *naming).expect()
     sb.mailtend("--remove-handler", *naming).expect()
     assert store(sb)[0] == {}
-
-
-def test_twin_additions_at_once_leave_one_handler(sb):
-    with ThreadPoolExecutor(8) as pool:
-        rcs = sorted(pool.map(lambda _: sb.mailtend(*ADD).rc, range(8)))
-    assert (rcs, len(store(sb)[0]), len(store(sb)[1])) == ([0] + [1] * 7, 1, 1)
 
 
 def changed(option, value):

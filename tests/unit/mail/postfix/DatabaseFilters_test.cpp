@@ -3,41 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <sstream>
 
 using namespace zarnet::mail::postfix::database;
-
-namespace {
-
-// Feeds text to a DataStreamFilter cut into chunks of the given size.
-std::string streamThrough(const std::string &text, std::size_t chunkSize,
-                          const std::function<bool(std::string &)> &filter)
-{
-    std::ostringstream out;
-    DataStreamFilter<std::function<bool(std::string &)>> lines(filter, out);
-    for (std::size_t i = 0; i < text.size(); i += chunkSize) {
-        const std::string piece = text.substr(i, chunkSize);
-        lines.filterChunk(std::vector<char>(piece.begin(), piece.end()));
-    }
-    lines.finish();
-    return out.str();
-}
-
-} // namespace
-
-TEST(DataStreamFilter, WholeLinesWhereverTheChunksEnd)
-{
-    const std::string dump = "a@x.test a@x.test\ndrop me\nlast@x.test z@y.test";
-    for (std::size_t chunk = 1; chunk <= dump.size(); ++chunk) {
-        std::string seen;
-        const auto record = [&](std::string &line) {
-            seen += line + "|";
-            return line != "drop me";
-        };
-        EXPECT_EQ(streamThrough(dump, chunk, record), "a@x.test a@x.test\nlast@x.test z@y.test\n") << chunk;
-        EXPECT_EQ(seen, "a@x.test a@x.test|drop me|last@x.test z@y.test|") << chunk;
-    }
-}
 
 TEST(ElementsFilter, NotInDomainAndRenaming)
 {
