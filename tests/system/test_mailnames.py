@@ -9,6 +9,7 @@ DOMAIN, ALIASES = "example.com", ("example.net", "example.org")
 HOME, POSTMAP = f"{MAILNAMES}/{DOMAIN}", "/usr/sbin/postmap"
 D = [f"--domain-name={DOMAIN}"]
 PASSWORD = {"ZRN_PASSWORD": "s3cret"}
+HANDLER = ["--handler-name=spam", "--handler-type=recipient", "--hook=before-local"]
 FOLDERS = {f"info/{f}/": None for f in ("Maildir/tmp", "Maildir/new", "Maildir/cur",
            "Maildir/.Spam/tmp", "Maildir/.Spam/new", "Maildir/.Spam/cur", "@attachments")}
 
@@ -87,11 +88,19 @@ def test_mailname_life_cycle(sb):
         assert (s["virtual"], s["logins"]) == (everywhere("info", f"info@{DOMAIN}"),
                                                everywhere("info", "s3cret"))
 
-    # the mailname takes its mail aliases' records and logins with it
+    # the mailname takes its mail aliases' records, logins and handlers with it
     sb.mailtend("--add-alias", *D, "--mailname=info", "--alias=sales").expect()
+    sb.record("/usr/lib/zarnet-9.0/handlers-tmpfs", exit_code=0)
+    sb.write("/usr/local/bin/filter", "#!/bin/sh\n", mode=0o755)
+    owners = [*everywhere("info"), *everywhere("sales"), f"boss@{DOMAIN}"]
+    for owner in owners:
+        sb.mailtend("--add-handler", *HANDLER, f"--handler-type-name={owner}", "--context=c",
+                    "--executable=/usr/local/bin/filter", "--priority=1").expect()
     for _ in range(2):
         sb.mailtend("--remove-mailname", *D, "--mailname=info").expect()
         assert state(sb) == {"virtual": {}, "vmailbox": {}, "logins": {}, "homes": {}}
+    assert [sb.mailtend("--check-handler", *HANDLER, f"--handler-type-name={owner}").rc
+            for owner in owners] == [1] * 6 + [0]
 
 
 BAD = "Fatal error: std::invalid_argument(a..b)\n"
