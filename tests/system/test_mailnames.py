@@ -135,13 +135,15 @@ def test_rename_moves_records_home_and_logins(sb, env, logins):
 CRITICAL = ("CRITICAL ERROR: Unable to properly restore Postfix Virtual Aliases Database used by "
             "Zarnet.\nMail system may be not usable at the moment and it cannot be repaired "
             "automatically.\nConstact Orvanta support to resolve this issue.\n")
-# fault, a home already at the new name, the postmap call that fails, what is said first
+# fault, what is at the new name, the postmap call that fails, what is said first
 RENAME_FAULTS = [
-    ("tables left renamed after a failed home rename", True, 0,
+    ("tables left renamed after a failed home rename", "home", 0,
      "Fatal error: boost::filesystem::filesystem_error("),
-    ("vmailbox left renamed after a failed virtual rewrite", False, 3,
+    ("vmailbox left renamed after a failed virtual rewrite", None, 3,
      "Fatal error: zarnet::mail::postfix::PostfixConfigurationError(postmap: fatal: injected"),
-    ("failed undo not reported", True, 5, CRITICAL),
+    ("failed undo not reported", "home", 5, CRITICAL),
+    ("existing mailname's records taken by the undo", "mailname", 0,
+     f"Fatal error: std::runtime_error(help@{DOMAIN} is already in use)\n"),
 ]
 
 
@@ -149,8 +151,10 @@ RENAME_FAULTS = [
                          ids=[f[0] for f in RENAME_FAULTS])
 def test_failed_rename_restores_everything(sb, fault, in_the_way, failing, said):
     add_mailbox(sb)
-    if in_the_way:
+    if in_the_way == "home":
         sb.write(f"{HOME}/help/mail", "someone else's")
+    elif in_the_way:  # no login, so the tables are what refuses
+        sb.mailtend("--add-mailname", *D, "--mailname=help").expect()
     before = state(sb)
     sb.fail_call(POSTMAP, failing)
     try:

@@ -32,23 +32,32 @@ std::string address(const std::string &local, const std::string &domain)
     return local + "@" + domain;
 }
 
-// Replaces every element found in the map by its mapped value.
+// Replaces every element found in the map by its mapped value. A rename
+// refuses an element that already is one of the new values: its undo, the
+// reverse map, would take that element's records along.
 class ReplaceElements {
 public:
-    explicit ReplaceElements(const std::map<std::string, std::string> &replacements)
-        : replacements_(replacements)
+    ReplaceElements(const std::map<std::string, std::string> &replacements, bool refuseTaken)
+        : replacements_(replacements), refuseTaken_(refuseTaken)
     {
     }
     bool operator()(std::string &element) const
     {
         const auto found = replacements_.find(element);
-        if (found != replacements_.end())
+        if (found != replacements_.end()) {
             element = found->second;
+            return true;
+        }
+        if (refuseTaken_)
+            for (const auto &replacement : replacements_)
+                if (replacement.second == element)
+                    throw std::runtime_error(element + " is already in use");
         return true;
     }
 
 private:
     const std::map<std::string, std::string> &replacements_;
+    bool refuseTaken_;
 };
 
 // One completed step of a rename: its undo runs only when the scope is left
@@ -79,10 +88,20 @@ private:
     int pending_;
 };
 
-void filterAddresses(const char *table, const std::map<std::string, std::string> &replacements)
+void filterAddresses(const char *table, const std::map<std::string, std::string> &replacements,
+                     bool refuseTaken)
 {
     DatabaseHelper::filterRecords(table, database::ElementsFilter<ReplaceElements>(
-                                             ReplaceElements(replacements)));
+                                             ReplaceElements(replacements, refuseTaken)));
+}
+
+void filterMailbox(const std::map<std::string, std::string> &addresses,
+                   const std::map<std::string, std::string> &paths, bool refuseTaken)
+{
+    DatabaseHelper::filterRecords(
+        tables::vmailbox, database::KeyValueFilter<ReplaceElements, ReplaceElements>(
+                              ReplaceElements(addresses, refuseTaken),
+                              ReplaceElements(paths, refuseTaken)));
 }
 
 // Keys of the local part in the domain and in each domain alias.
@@ -220,25 +239,13 @@ void MailnameManager::renameMailname(const std::string &domain, const std::strin
         back[address(newMailname, alias)] = address(oldMailname, alias);
     }
 
-    const database::ReplaceElementFilterRef oldToNewKey(oldAddress, newAddress);
-    const database::ReplaceElementFilterRef oldToNewPath(oldPath, newPath);
-    DatabaseHelper::filterRecords(
-        tables::vmailbox,
-        database::KeyValueFilter<database::ReplaceElementFilterRef,
-                                 database::ReplaceElementFilterRef>(oldToNewKey, oldToNewPath));
+    filterMailbox({{oldAddress, newAddress}}, {{oldPath, newPath}}, true);
     const Undo vmailboxUndo("Postfix Virtual Mailboxes Database", [&] {
-        const database::ReplaceElementFilterRef newToOldKey(newAddress, oldAddress);
-        const database::ReplaceElementFilterRef newToOldPath(newPath, oldPath);
-        DatabaseHelper::filterRecords(
-            tables::vmailbox,
-            database::KeyValueFilter<database::ReplaceElementFilterRef,
-                                     database::ReplaceElementFilterRef>(newToOldKey,
-                                                                        newToOldPath));
+        filterMailbox({{newAddress, oldAddress}}, {{newPath, oldPath}}, false);
     });
-
-    filterAddresses(tables::virtual_addresses, forward);
+    filterAddresses(tables::virtual_addresses, forward, true);
     const Undo virtualUndo("Postfix Virtual Aliases Database",
-                           [&] { filterAddresses(tables::virtual_addresses, back); });
+                           [&] { filterAddresses(tables::virtual_addresses, back, false); });
 
     MaildirManager::getInstance().renameMailnameHome(domain, oldMailname, newMailname);
 }
@@ -249,7 +256,7 @@ void MailnameManager::renameMailnameOnDomainAlias(const std::string &domainAlias
 {
     const std::map<std::string, std::string> replacements = {
         {address(oldMailname, domainAlias), address(newMailname, domainAlias)}};
-    filterAddresses(tables::virtual_addresses, replacements);
+    filterAddresses(tables::virtual_addresses, replacements, true);
 }
 
 void MailnameManager::enableDelivery(const std::string &domain, const std::string &mailname)

@@ -58,7 +58,9 @@ public:
 
     // Rewrites "vmailbox" (key and mailbox path) and "virtual" (every key and
     // destination naming the old address in the domain or in any of its
-    // domain aliases), then renames the home. A failure undoes the table
+    // domain aliases), then renames the home. A new address already in a
+    // table is refused (std::runtime_error) before that table changes. A
+    // failure undoes the table
     // rewrites already made, newest first, and propagates; an undo that
     // fails itself is reported on the error stream as a CRITICAL ERROR
     // naming the table, and the first failure still propagates.
