@@ -31,6 +31,8 @@ const Options domainWordsOption = {"domain-name", Value::domainWords, "domain na
 const Options domainDisabledOption = {"mail-domain-disabled,D", Value::none,
                                       "the domain is disabled (currently unused)"};
 const Options diskQuotaOption = {"disk-quota", Value::int64, "disk quota", mandatory};
+// The alias is a local part in the mailname's domain.
+const Options aliasOptions = {mailnameOptions, {"alias", Value::mailname, "alias email", mandatory}};
 const Options redirectOptions = {mailnameOptions,
                                  {"redirect-email", Value::address, "redirect email", mandatory}};
 const Options attachmentNameOption = {"attachment-file-name", Value::fileName,
@@ -84,13 +86,28 @@ const Options &formNotexistingMailOptions()
 const Command command_table[] = {
     {"--add-mailname",
      "--domain-name=<domain_name> --mailname=<mail_name> [--disk-quota=<quota>]",
-     "adds mailname to the mail domain. Optionally sets the mailbox quota"}, // addMailname
+     "adds mailname to the mail domain. Optionally sets the mailbox quota",
+     addMailname,
+     "add a mailname",
+     "--add-mailname --domain-name=<domain_name> --mailname=<mail_name> [--disk-quota=<quota>]",
+     {mailnameOptions, {"disk-quota", Value::int64, "disk quota"}}},
     {"--remove-mailname",
      "--domain-name=<domain_name> --mailname=<mail_name>",
-     "removes mailname to the mail domain"}, // removeMailname
+     "removes mailname to the mail domain",
+     removeMailname,
+     "remove a mailname",
+     "--remove-mailname --domain-name=<domain_name> --mailname=<mail_name>",
+     mailnameOptions},
     {"--rename-mailname",
      "--domain-name=<domain_name> --old-mailname=<old_mail_name> --new-mailname=<new_mail_name>",
-     "renames a mailname in the mail domain. Optionally sets the mailbox password." PASSWORD_NOTE}, // renameMailname
+     "renames a mailname in the mail domain. Optionally sets the mailbox password." PASSWORD_NOTE,
+     renameMailname,
+     "rename a mailname",
+     "--rename-mailname --domain-name=<domain_name> --old-mailname=<old_mail_name> --new-mailname=<new_mail_name> [--mail-domain-disabled|-D]",
+     {domainNameOption,
+      {"old-mailname", Value::mailname, "old mailname", mandatory},
+      {"new-mailname", Value::mailname, "new mailname", mandatory},
+      domainDisabledOption}},
     {"--add-mailbox",
      "--domain-name=<domain_name> --mailname=<mail_name>",
      "adds a mailbox for a given mailname." PASSWORD_NOTE,
@@ -156,10 +173,18 @@ const Command command_table[] = {
      mailnameListOptions},
     {"--add-alias",
      "--domain-name=<domain_name> --mailname=<mail_name> --alias=<email_alias>",
-     "adds an alias for mailname"}, // addAlias
+     "adds an alias for mailname",
+     addAlias,
+     "add alias for a given mailname",
+     "--add-alias --domain-name=<domain_name> --mailname=<mail_name> --alias=<email_alias>",
+     aliasOptions},
     {"--remove-alias",
      "--domain-name=<domain_name> --mailname=<mail_name> --alias=<email_alias>",
-     "removes an alias for mailname"}, // removeAlias
+     "removes an alias for mailname",
+     removeAlias,
+     "remove alias for a given mailname",
+     "--remove-alias --domain-name=<domain_name> --mailname=<mail_name> --alias=<email_alias>",
+     aliasOptions},
     {"--add-domain",
      "--domain-name=<domain_name> [--disk-quota=<quota>]",
      "adds mail domain"}, // addDomain

@@ -15,9 +15,15 @@
 
 namespace zarnet::mail::postfix::mailtend_commands {
 
-// MailnameCommands.cpp: one mailname's mailbox and password. Passwords come
-// only from the environment (ZRN_PASSWORD, else ZRN_CRYPTED_PASSWORD); the
-// variable used is removed once read.
+// MailnameCommands.cpp: one mailname, its aliases, its mailbox and password.
+// Passwords come only from the environment (ZRN_PASSWORD, else
+// ZRN_CRYPTED_PASSWORD); the variable used is removed once read. Login
+// changes of one command commit together, after its other changes.
+int addMailname(const Args &args);
+int removeMailname(const Args &args);
+int renameMailname(const Args &args);
+int addAlias(const Args &args);
+int removeAlias(const Args &args);
 int addMailbox(const Args &args);
 int removeMailbox(const Args &args);
 int setPassword(const Args &args);

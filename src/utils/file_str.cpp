@@ -104,7 +104,7 @@ bool matches(std::string_view line, const char *const *strings, int operation, i
     for (const char *const *s = strings; *s != nullptr; ++s) {
         const std::string_view want = without_line_feed(*s);
         bool hit;
-        if (operation == FILE_STR_REMOVE)
+        if (operation == FILE_STR_REMOVE || operation == FILE_STR_MOVE_TO_TOP)
             hit = line == want;
         else if (position == FILE_STR_MATCH_BEGIN)
             hit = line.substr(0, want.size()) == want;
@@ -201,7 +201,9 @@ public:
         tmp_created_ = true;
 
         BufferedWriter out(out_);
-        if (operation == FILE_STR_ADD && !put_strings(out, strings))
+        const char *const top[] = {strings[0], nullptr};
+        if ((operation == FILE_STR_ADD && !put_strings(out, strings)) ||
+            (operation == FILE_STR_MOVE_TO_TOP && !put_strings(out, top)))
             return fail("Unable to fputs to file %s: %s\n", tmp_.c_str());
         LineReader in(in_);
         std::string line;
@@ -312,6 +314,7 @@ int file_strings(const char *path, const char *const *strings, int operation, in
     const bool known = operation == FILE_STR_ADD
                            ? position == FILE_STR_PREPEND || position == FILE_STR_APPEND
                            : operation == FILE_STR_REMOVE ||
+                                 (operation == FILE_STR_MOVE_TO_TOP && strings[0] != nullptr) ||
                                  (operation == FILE_STR_REMOVE_PATTERN &&
                                   (position == FILE_STR_MATCH_BEGIN || position == FILE_STR_MATCH_END ||
                                    position == FILE_STR_MATCH_CONTAIN));

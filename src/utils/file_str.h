@@ -27,6 +27,9 @@
 constexpr int FILE_STR_ADD = 0;
 constexpr int FILE_STR_REMOVE = 1;         // lines equal to a string
 constexpr int FILE_STR_REMOVE_PATTERN = 2; // lines matching a string at a position
+// The first string becomes the first line and no other line equals any of
+// the strings, in one rewrite: a reader never sees the line missing.
+constexpr int FILE_STR_MOVE_TO_TOP = 3;
 
 // Positions for FILE_STR_ADD.
 constexpr int FILE_STR_PREPEND = 0;

@@ -364,6 +364,22 @@ class Sandbox:
                    f"/proc/$$/environ; printf '\\n%s\\n' '{_END}'; }} >> {log}\n{tail}\n",
                    mode=0o755)
 
+    def fail_call(self, program, n):
+        """Replaces program by a wrapper that runs the original except on its n-th call from
+        now, which reports a fatal error on stderr and exits 1; restore() puts it back."""
+        real, count = REAL + program, f"{_RECORDS}/{os.path.basename(program)}.count"
+        if not self.exists(real):
+            self.write(real, self.read(program), mode=0o755)
+        self.write(count, "")
+        self.write(program, f"#!/bin/sh\necho >> {count}\n"
+                   f'if [ "$(/usr/bin/wc -l < {count})" -eq {int(n)} ]; then\n'
+                   f'  echo "{os.path.basename(program)}: fatal: injected failure" >&2; exit 1\n'
+                   f'fi\nexec {real} "$@"\n', mode=0o755)
+
+    def restore(self, program):
+        """The original of a recorded or failing program back in its place."""
+        self.write(program, self.read(REAL + program), mode=0o755)
+
     def calls(self, program):
         """The calls of a recorded program since the last look, as (arguments, environment)."""
         log, found = f"{_RECORDS}/{os.path.basename(program)}", []

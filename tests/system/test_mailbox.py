@@ -118,10 +118,12 @@ def test_quotas_enforced_by_the_delivery_program(sb):
     sb.mailtend("--set-domain-disk-quota", *DOMAIN_ONLY, "--disk-quota=20000").expect()
     assert [sb.read_text(f"{HOME}/{n}/Maildir/maildirsize").split("\n")[0] for n in ("info", "boss")
             ] == [f"{20000 - attachments}S,0C", f"{50000 - attachments}S,0C"]
-    # smaller than the attachments: delivery quota 0, with a warning
+    # smaller than the attachments: delivery refused, with a warning
     warning = "WARNING: @attachments directory is big enough to disable delivery!\n"
     sb.mailtend("--set-domain-disk-quota", *DOMAIN_ONLY, "--disk-quota=10").expect(
         0, warning, warning)
+    assert sb.read_text(maildir + "/maildirsize").startswith("1S,0C\n")
+    assert sb.deliverquota(maildir, message).rc == 77
 
 
 def test_redirects_in_delivery_file(sb):

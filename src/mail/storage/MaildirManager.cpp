@@ -80,9 +80,11 @@ void ownOpened(const FdOwner &fd, const fs::path &path, uid_t uid, gid_t gid)
 // away, what it points at. So each folder is made and opened relative to its
 // already opened parent, without following a link, and changed through that
 // descriptor.
-FdOwner makeBelow(int parentFd, const char *name, const fs::path &path, uid_t uid, gid_t gid)
+FdOwner makeBelow(int parentFd, const char *name, const fs::path &path, uid_t uid, gid_t gid,
+                  bool &created)
 {
-    if (fd_io::retry_eintr([&] { return ::mkdirat(parentFd, name, 0700); }) != 0) {
+    created = fd_io::retry_eintr([&] { return ::mkdirat(parentFd, name, 0700); }) == 0;
+    if (!created) {
         const int code = errno;
         struct stat st;
         // Read-only, so following a link here is harmless; the open below
@@ -185,6 +187,14 @@ void MaildirManager::createMailnameHome(const std::string &domain,
     const fs::path home = checkedHome(domain, mailname);
     UmaskGuard mask(077);
 
+    // A failure takes away only what this call made: a home that was there
+    // keeps everything it had.
+    struct stat before;
+    const bool homeExisted = ::lstat(home.c_str(), &before) == 0 || errno != ENOENT;
+    constexpr size_t count = sizeof homeDirectories / sizeof homeDirectories[0];
+    fs::path relative[count];
+    bool created[count] = {};
+
     std::exception_ptr failure;
     int failureErrno = 0;
     try {
@@ -194,14 +204,12 @@ void MaildirManager::createMailnameHome(const std::string &domain,
         FdOwner homeFd(fd_io::open_retry(home.c_str(), O_RDONLY | O_DIRECTORY));
         ownOpened(homeFd, home, uid_, gid_);
 
-        constexpr size_t count = sizeof homeDirectories / sizeof homeDirectories[0];
         FdOwner opened[count];
-        fs::path relative[count];
         for (size_t i = 0; i < count; ++i) {
             const HomeDirectory &d = homeDirectories[i];
             relative[i] = d.parent < 0 ? fs::path(d.name) : relative[d.parent] / d.name;
             const int parentFd = d.parent < 0 ? homeFd.get() : opened[d.parent].get();
-            opened[i] = makeBelow(parentFd, d.name, home / relative[i], uid_, gid_);
+            opened[i] = makeBelow(parentFd, d.name, home / relative[i], uid_, gid_, created[i]);
         }
     } catch (const fs::filesystem_error &e) {
         failureErrno = e.code().value() != 0 ? e.code().value() : errno;
@@ -212,7 +220,11 @@ void MaildirManager::createMailnameHome(const std::string &domain,
     }
     if (!failure)
         return;
-    rm_tree_quiet(home.c_str());
+    if (!homeExisted)
+        rm_tree_quiet(home.c_str());
+    for (size_t i = count; i-- > 0;)
+        if (homeExisted && created[i])
+            rm_tree_quiet((home / relative[i]).c_str());
     errno = failureErrno;
     std::rethrow_exception(failure);
 }

@@ -47,8 +47,8 @@ public:
 
     // An existing tree is accepted; owners and modes are set again.
     void createDomainRoot(const std::string &domain) const;
-    // A failure removes the whole home (also one that existed before) and
-    // throws on with errno as it was at the failure.
+    // A failure removes what this call created (the whole home when there
+    // was none) and throws on with errno as it was at the failure.
     void createMailnameHome(const std::string &domain, const std::string &mailname) const;
 
     void renameDomainRoot(const std::string &oldDomain, const std::string &newDomain) const;

@@ -72,13 +72,13 @@ void MaildirPPManager::setMailboxQuota(const std::string &domain, const std::str
             } else if (quota < attachments) {
                 uerr << "WARNING: @attachments directory is big enough to disable delivery!"
                      << std::endl;
-                quota = -1;
+                quota = 0;
             } else {
                 quota -= attachments;
             }
         }
-        if (quota >= 0)
-            written = quota == 0 ? 1 : quota;
+        // A quota used up takes delivery away; "0S" would read as no limit.
+        written = quota == 0 ? 1 : quota;
     }
     ok = ok && write_maildirpp_maildirsize("Maildir", popuserUid(), popuserGid(), written, 0);
     const int failure = errno;

@@ -22,8 +22,9 @@ public:
     static MaildirPPManager &getInstance();
 
     // The space taken by an "@attachments" directory is subtracted from a
-    // quota first; a quota smaller than that is written as no limit, with a
-    // warning on zarnet::uerr, and one it uses up exactly as one byte.
+    // quota first; a quota it uses up (with a warning on zarnet::uerr when
+    // it is smaller) is written as one byte, so delivery stops. A negative
+    // quota is no limit.
     void setMailboxQuota(const std::string &domain, const std::string &mailname,
                          long long quota) const;
     // Falls back to the domain's default mailbox quota from the panel.

@@ -233,10 +233,9 @@ int dotqmail_add_delivery(const char *path)
 {
     if (dotqmail_refuse_special(path) != 0)
         return dotqmail_fail(errno, "Unable to add string to %s file.", path);
-    // Whatever delivery line there was goes, so the one added is the only one.
-    const char *const old[] = {kPlainDelivery, kQuotaDelivery, nullptr};
-    file_strings(path, old, FILE_STR_REMOVE, 0);
-    if (file_str(path, kQuotaDelivery, FILE_STR_ADD, FILE_STR_PREPEND) != 0)
+    // Whatever delivery line there was goes, so the one put first is the only one.
+    const char *const lines[] = {kQuotaDelivery, kPlainDelivery, nullptr};
+    if (file_strings(path, lines, FILE_STR_MOVE_TO_TOP, 0) != 0)
         return dotqmail_fail(errno, "Unable to add string to %s file.", path);
     return dotqmail_set_owner(path);
 }

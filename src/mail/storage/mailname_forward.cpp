@@ -52,8 +52,7 @@ int dotqmail_add_forward(const char *path, const char *address)
 
     if (dotqmail_refuse_special(path) != 0)
         return dotqmail_fail(errno, "Unable to add string to %s file.", path);
-    file_str(path, line.get(), FILE_STR_REMOVE, 0);
-    if (file_str(path, line.get(), FILE_STR_ADD, FILE_STR_PREPEND) != 0)
+    if (file_str(path, line.get(), FILE_STR_MOVE_TO_TOP, 0) != 0)
         return dotqmail_fail(errno, "Unable to add string to %s file.", path);
     return dotqmail_set_owner(path);
 }

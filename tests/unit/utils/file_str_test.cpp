@@ -27,6 +27,7 @@ TEST_F(FileStrTest, EditsGiveTheExpectedContent)
         {"prepend_alters_unterminated_last_line", "b", {"a"}, ADD, PRE, "a\nb"},
         {"remove_by_prefix_or_line_feed_of_line", "a\nb\nab\n", {"a"}, RM, 0, "b\nab\n"},
         {"remove_misses_unterminated_last_line", "a\nb", {"b"}, RM, 0, "a\n"},
+        {"move_to_top_duplicates_or_misplaces", "x\na\ny\na\n", {"a"}, FILE_STR_MOVE_TO_TOP, 0, "a\nx\ny\n"},
         {"pattern_end_not_applied", "a@ex.com\nb@ex.org\n", {"@ex.com"}, PAT, END, "b@ex.org\n"},
         {"pattern_end_longer_than_line_underflows", "om\n", {".com"}, PAT, END, "om\n"},
         {"pattern_contain_not_applied", "x foo y\nbar\n", {"foo"}, PAT, INSIDE, "bar\n"},
