@@ -93,29 +93,10 @@ TEST_F(FileStrTest, FailuresReturnOneReportAndLeaveNothingBehind)
     EXPECT_EQ(slurp(target), "line\nsecret\n");
 }
 
-TEST_F(FileStrTest, WaitsForTheFilesLockBeforeEditingAndReportsALockFailure)
+// Waiting for the lock is proven by the concurrency system test; here a lock
+// that cannot be taken.
+TEST_F(FileStrTest, ReportsALockFailure)
 {
-    spit(path_, "a\n");
-    // Started before the lock is taken: one that inherited the locked descriptor would wait for itself.
-    int go[2];
-    ASSERT_EQ(pipe(go), 0);
-    testsupport::BackgroundChild editor([&] {
-        char c;
-        close(go[1]);
-        return read(go[0], &c, 1) == 1 ? file_str(path_.c_str(), "b", FILE_STR_ADD, FILE_STR_PREPEND) : 9;
-    });
-    close(go[0]);
-    {
-        zarnet::MKLock lock(path_);
-        ASSERT_EQ(write(go[1], "g", 1), 1);
-        struct stat st;
-        ASSERT_EQ(stat(lock.path(), &st), 0);
-        EXPECT_TRUE(testsupport::waitUntilBlocked(editor.pid(), st.st_ino)) << "the edit did not wait for the lock";
-        EXPECT_EQ(slurp(path_), "a\n") << "edited while the lock was held elsewhere";
-    }
-    close(go[1]);
-    EXPECT_EQ(editor.wait(), "exit 0");
-    EXPECT_EQ(slurp(path_), "b\na\n");
     spit(dir_ + "/plain", "x");
     mk_lock_set_dir_for_testing((dir_ + "/plain/locks").c_str());
     spit(path_, "a\n");

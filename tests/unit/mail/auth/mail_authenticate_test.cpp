@@ -1,15 +1,12 @@
 #include "mail/auth/mail_authenticate.h"
 
 #include "mail/auth/auth_db.h"
-#include "support/background.h"
 #include "support/files.h"
 #include "support/sandboxed.h"
 #include "utils/cpp_mysql.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -71,27 +68,6 @@ TEST_F(AuthRecords, ChangesAndFailures)
          "Unable to prepare SQL statement for query 'SELECT id, status FROM domains WHERE name=?': no such"
          " table: domains\nUnable to get users list from MTA password database\n", nullptr},
     }, true);
-}
-
-TEST_F(AuthRecords, BusyDatabaseIsWaitedFor)
-{
-    ASSERT_EQ(mailAuthDBInit() | mailAuthSet("a", "ex.com", "p", 0), 0);
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    testsupport::BackgroundChild holder([&] {
-        sqlite3 *db = nullptr;
-        if ((sqlite3_open(db_.c_str(), &db) | sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr)) != 0 ||
-            write(ready[1], "x", 1) != 1)
-            return 1;
-        usleep(200000);
-        return sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) | sqlite3_close(db);
-    });
-    char byte;
-    ASSERT_EQ(close(ready[1]) | (read(ready[0], &byte, 1) - 1) | close(ready[0]), 0);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(ored({mailAuthSet("b", "ex.com", "q", 0), mailAuthDisableDomain("ex.com")}), 0) << "busy taken for failure";
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(150)) << "lock not held";
-    EXPECT_EQ(holder.wait() + " " + dump(db_), "exit 0 ex.com 1\n1 a@ex.com p/ 0, 2 b@ex.com q/ 0\n");
 }
 
 // Each in a child, as the buffers are filled once per process: the answer,
