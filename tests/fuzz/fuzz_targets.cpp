@@ -7,9 +7,11 @@
 #include "mail/storage/mailname_forward.h"
 #include "mail/storage/maildirpp_quota.h"
 #include "mailtend/MailnameValidators.h"
+#include "mailtend/OptionChecks.h"
 #include "mailtend/OptionTypes.h"
 #include "utils/MKLock.h"
 #include "utils/idn.h"
+#include "utils/mail_validate.h"
 #include "utils/read_configuration.h"
 
 #include <algorithm>
@@ -61,6 +63,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         zarnet::mail::postfix::mailname_validators::mailValidateExc(in);
         CHECK(in.find("..") == std::string::npos && in.find('\0') == std::string::npos);
     });
+    namespace zv = zarnet::validate;
+    const auto control = [](const std::string &s) {
+        return std::any_of(s.begin(), s.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; });
+    };
+    CHECK(!control(mc::shownValue(in)));
+    CHECK(!zv::hostName(in).empty() || (in.size() <= zv::max_domain && !control(in)));
+    CHECK(!zv::lineText(in, 64).empty() || (in.size() <= 64 && !control(in)));
+    CHECK(!zv::mailname(in).empty() || (in.size() <= zv::max_local_part && !control(in)));
+    tolerate<zarnet::idn::IdnaError>([&] {
+        const std::string::size_type at = in.rfind('@');
+        CHECK(!zv::mailAddress(in).empty() ||
+              (at != std::string::npos && at > 0 && in.size() <= zv::max_address && !control(in) &&
+               std::string("|/.&#").find(in[0]) == std::string::npos));
+        CHECK(!zv::domainName(in).empty() || !control(in));
+    });
+    zv::ipAddress(in);
+    zv::network(in, size > 0 ? data[0] % 130 : 0, size % 2 == 0);
+    zv::letterSize(static_cast<int64_t>(std::hash<std::string>()(in)), static_cast<int64_t>(size) << 20);
 #elif defined(FUZZ_CONFIG)
     static Scratch scratch;
     const std::string path = scratch.put("zrn.conf", in);
