@@ -1,11 +1,12 @@
 """Domains and domain aliases: the records of every table, logins, storage and mail acceptance."""
 
+import re
 import time
 
 import pytest
 
 from panel_db import PanelDB
-from sandbox import MAILNAMES
+from sandbox import MAILNAMES, POSTFIX_LOG
 
 D, D_ARG = "xn--bcher-kva.example", "--domain-name=Bücher.Example"
 TABLES = ("virtual_domains", "virtual", "vmailbox", "aliases")
@@ -163,3 +164,6 @@ def test_running_postfix_follows_at_once(sandbox, panel_db):
                                 "client.example", "--from", "a@client.example",
                                 "--to", "postmaster@fresh.example"]).rc))
     assert got == [(rc, swaks) for _, rc, swaks in steps]
+    # each change reached the address-rewriting daemon of the Postfix that runs
+    assert len(re.findall(r"process /usr/lib/postfix/sbin/trivial-rewrite pid \d+ killed by signal 2",
+                          sb.read_text(POSTFIX_LOG))) == 4
