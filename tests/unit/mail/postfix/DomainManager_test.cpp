@@ -61,7 +61,6 @@ TEST(DomainManagerSandboxed, RenameMovesEverythingOrRestoresTheTables)
 {
     MAILTEND_REQUIRE_SANDBOX();
     const std::string root = zarnet::mail::MaildirManager::getMailnamesRoot().string();
-    const std::string aliases = "Postfix Virtual Aliases Database";
     Tables halfway = before; // the addresses table could not be moved back
     halfway[tables::virtual_addresses] = after.at(tables::virtual_addresses);
     const struct {
@@ -75,7 +74,7 @@ TEST(DomainManagerSandboxed, RenameMovesEverythingOrRestoresTheTables)
         {"1", false, 1, before, ""}, {"2", false, 1, before, ""}, {"3", false, 1, before, ""},
         {"4", false, 1, before, ""}, {"5", false, 1, before, ""}, {"6", false, 1, before, ""},
         {"", true, 1, before, ""},
-        {"5,6", false, 1, halfway, restoreFailure(aliases.c_str())},
+        {"5,6", false, 1, halfway, restoreFailure("Postfix Virtual Aliases Database")},
     };
     for (const auto &c : cases) {
         fs::remove_all(root + "/new.example");
@@ -102,7 +101,6 @@ TEST(DomainManagerSandboxed, RenameMovesEverythingOrRestoresTheTables)
         EXPECT_EQ(current(), c.tables) << "failing runs " << c.failingRuns << " " << c.storageFails;
         EXPECT_EQ(fs::exists(root + "/old.example/info"), c.status != 0) << c.failingRuns;
     }
-    fs::remove_all(root + "/new.example");
-    fs::remove_all(root + "/old.example");
-    fs::remove(root + "/compiler.log");
+    for (const char *left : {"/new.example", "/old.example", "/compiler.log"})
+        fs::remove_all(root + left);
 }
