@@ -131,6 +131,7 @@ def test_alias_records_logins_and_removal(host):
         'mandatory option "--email" is not specified)\n')
 
     # a rename with a bounce: everything of the old name moves, the bounce is the new name's
+    sb.mailtend("--set-bounce", "--domain-name=" + A, "--phrase=bye").expect()
     sb.mailtend("--rename-domain-alias", D_ARG, "--old-domain-alias-name=" + A,
                 "--new-domain-alias-name=" + N, "--set-bounce").expect()
     moved = {k.replace(A, N): v for k, v in target.items()}

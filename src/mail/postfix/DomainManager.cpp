@@ -83,10 +83,42 @@ void moveDomainDomains(const std::string &from, const std::string &to)
                                   ElementsFilter<ReplaceDomainEntry>(ReplaceDomainEntry(from, to)));
 }
 
+std::string bounceName(const std::string &domain) { return DomainManager::bouncePrefix + domain; }
+
+// Addresses in the domain, and the domain's bounce address, which names the
+// domain without being in it.
+class ReplaceDomainAddress {
+public:
+    ReplaceDomainAddress(const std::string &from, const std::string &to)
+        : part_(from, to, false), bounce_(bounceName(from) + local_host, bounceName(to) + local_host)
+    {
+    }
+    bool operator()(std::string &element) const
+    {
+        return part_(element) && ReplaceElementFilterRef(bounce_.first, bounce_.second)(element);
+    }
+
+private:
+    ReplaceDomainPart part_; // holds references: from and to outlive the filter
+    std::pair<std::string, std::string> bounce_;
+};
+
 void moveDomainAddresses(const std::string &from, const std::string &to)
 {
     DatabaseHelper::filterRecords(tables::virtual_addresses,
-                                  ElementsFilter<ReplaceDomainPart>(ReplaceDomainPart(from, to, false)));
+                                  ElementsFilter<ReplaceDomainAddress>(ReplaceDomainAddress(from, to)));
+}
+
+struct KeepValue {
+    bool operator()(std::string &) const { return true; }
+};
+
+// The bounce command's record follows its domain's new name.
+void moveBounceRecord(const std::string &from, const std::string &to)
+{
+    const std::string fromKey = bounceName(from), toKey = bounceName(to);
+    DatabaseHelper::filterRecords(tables::aliases, KeyValueFilter<ReplaceElementFilterRef, KeepValue>(
+                                                       ReplaceElementFilterRef(fromKey, toKey), KeepValue()));
 }
 
 void moveDomainMailboxes(const std::string &from, const std::string &to)
@@ -101,7 +133,7 @@ void moveDomainMailboxes(const std::string &from, const std::string &to)
 // The aliases record of a bounce; removing an absent one is no error.
 void removeBounceRecord(const std::string &domain)
 {
-    DatabaseHelper::removeRecord(tables::aliases, DomainManager::bouncePrefix + domain);
+    DatabaseHelper::removeRecord(tables::aliases, bounceName(domain));
 }
 
 } // namespace
@@ -334,6 +366,7 @@ void DomainManager::removeDomainAlias(const std::string &alias)
 void DomainManager::renameDomainAlias(const std::string &oldAlias, const std::string &newAlias)
 {
     moveDomainAddresses(oldAlias, newAlias);
+    moveBounceRecord(oldAlias, newAlias);
 }
 
 void DomainManager::removeDomainReferences(const std::string &domain, bool subdomains)
@@ -353,6 +386,7 @@ void DomainManager::renameDomain(const std::string &oldDomain, const std::string
         {"Postfix Virtual Domains Database", moveDomainDomains},
         {"Postfix Virtual Aliases Database", moveDomainAddresses},
         {"Postfix Virtual Mailboxes Database", moveDomainMailboxes},
+        {"Postfix Aliases Database", moveBounceRecord},
     };
     std::size_t done = 0;
     try {

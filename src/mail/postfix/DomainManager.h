@@ -88,13 +88,16 @@ public:
                                   const std::string &alias);
     static void createDomainAlias(const std::string &domain, const std::string &alias);
     static void removeDomainAlias(const std::string &alias);
+    // Keys and destinations at the old name, the bounce address and the
+    // bounce record included, move to the new name.
     static void renameDomainAlias(const std::string &oldAlias, const std::string &newAlias);
 
     // Every record keyed by an address of the domain goes, and its addresses
     // leave every destination list, in virtual and vmailbox.
     static void removeDomainReferences(const std::string &domain, bool subdomains);
 
-    // Tables, then the storage root. A failure restores the tables already
+    // virtual_domains, virtual, vmailbox and aliases as renameDomainAlias
+    // does, then the storage root. A failure restores the tables already
     // changed and is thrown on; a table that cannot be restored is named on
     // zarnet::uerr in a "CRITICAL ERROR" diagnostic.
     static void renameDomain(const std::string &oldDomain, const std::string &newDomain);

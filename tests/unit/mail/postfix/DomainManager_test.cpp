@@ -20,24 +20,27 @@ using Tables = std::map<std::string, Table>;
 
 namespace {
 
-const char *const renamed[] = {tables::virtual_domains, tables::virtual_addresses, tables::vmailbox};
+const char *const renamed[] = {tables::virtual_domains, tables::virtual_addresses, tables::vmailbox,
+                               tables::aliases};
 
 // old.examples begins with the old name: its paths must not follow the rename.
 const Tables before = {
     {tables::virtual_domains, {{"old.example", "old.example/"}, {"keep.example", "keep.example/"}}},
     {tables::virtual_addresses,
-     {{"info@old.example", "info@old.example"}, {"@old.example", "boss@old.example"},
+     {{"info@old.example", "info@old.example"}, {"@old.example", "_zarnet_bounce_old.example@localhost.localdomain"},
       {"x@sub.old.example", "info@old.example"}, {"fwd@keep.example", "info@old.example, a@keep.example"}}},
     {tables::vmailbox, {{"info@old.example", "old.example/info/Maildir/"},
                         {"info@old.examples", "old.examples/info/Maildir/"}}},
+    {tables::aliases, {{"_zarnet_bounce_old.example", "\"|bounce\""}, {"_zarnet_bounce_keep.example", "k"}}},
 };
 const Tables after = {
     {tables::virtual_domains, {{"new.example", "new.example/"}, {"keep.example", "keep.example/"}}},
     {tables::virtual_addresses,
-     {{"info@new.example", "info@new.example"}, {"@new.example", "boss@new.example"},
+     {{"info@new.example", "info@new.example"}, {"@new.example", "_zarnet_bounce_new.example@localhost.localdomain"},
       {"x@sub.old.example", "info@new.example"}, {"fwd@keep.example", "info@new.example, a@keep.example"}}},
     {tables::vmailbox, {{"info@new.example", "new.example/info/Maildir/"},
                         {"info@old.examples", "old.examples/info/Maildir/"}}},
+    {tables::aliases, {{"_zarnet_bounce_new.example", "\"|bounce\""}, {"_zarnet_bounce_keep.example", "k"}}},
 };
 
 Tables current()
@@ -73,6 +76,7 @@ TEST(DomainManagerSandboxed, RenameMovesEverythingOrRestoresTheTables)
         {"", false, 0, after, ""},
         {"1", false, 1, before, ""}, {"2", false, 1, before, ""}, {"3", false, 1, before, ""},
         {"4", false, 1, before, ""}, {"5", false, 1, before, ""}, {"6", false, 1, before, ""},
+        {"7", false, 1, before, ""}, {"8", false, 1, before, ""},
         {"", true, 1, before, ""},
         {"5,6", false, 1, halfway, restoreFailure("Postfix Virtual Aliases Database")},
     };
