@@ -44,14 +44,14 @@ std::string storeAddress(const std::string &address)
     return ascii;
 }
 
-// The address-rewriting daemon keeps its tables open; an interrupt makes it
-// reopen them, so a new domain is known at once. Best effort: the daemon
-// notices changed tables on its own too, only later.
+// The address-rewriting daemon keeps its tables open and serves long-lived
+// clients; an interrupt ends it and the master starts a fresh one, with the
+// new tables, at the next request. Best effort: it notices changed tables on
+// its own too, only later.
 void killproc(const std::string &path)
 {
     try {
-        if (zarnet::process::findProcessByPath(path) > 0)
-            zarnet::process::killproc(path, SIGINT);
+        zarnet::process::killproc(path, SIGINT);
     } catch (const std::exception &) {
     }
 }
