@@ -65,9 +65,11 @@ CAUGHT, PANEL_ALIAS = {"@" + D: "Boss@" + D}, {"@alias.example": "boss@" + D}
 
 
 def state(virtual=(), bounce=None, enabled=True):
-    """The records of D: enabled with its standard addresses and more, its bounce command."""
+    """The records of D: its mailbox, enabled with its standard addresses and more, its bounce
+    command."""
     found = {"virtual_domains": {D: D + "/"}, "virtual": {**std(D), **dict(virtual)}} if enabled else {}
-    return {**found, **({"aliases": {f"_zarnet_bounce_{D}": bounce}} if bounce else {})}
+    return {**found, "vmailbox": {"info@" + D: D + "/info/Maildir/"},
+            **({"aliases": {f"_zarnet_bounce_{D}": bounce}} if bounce else {})}
 
 
 # Each step: arguments, then the records of D after it.
@@ -96,6 +98,8 @@ def test_domain_life_cycle(host):
     sb.mailtend("--set-catchall", D_ARG).expect(
         1, None, 'mandatory option "--email" is not specified\n')
     seen = []
+    sb.run(["postmap", "-i", "hash:/var/spool/postfix/zarnet/vmailbox"],
+           stdin=f"info@{D} {D}/info/Maildir/\n").check()
     for argv, want in LIFE:
         sb.mailtend(*argv).expect()
         assert records(sb, D) == want, argv
