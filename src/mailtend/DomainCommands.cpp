@@ -5,6 +5,7 @@
 #include "mail/handlers/handlers_mass.h"
 #include "mail/postfix/DomainManager.h"
 #include "mail/postfix/MainCfManager.h"
+#include "mail/postfix/lookup_tables.h"
 #include "mailtend/CommandNames.h"
 #include "utils/UtilityErrorStream.h"
 #include "utils/idn.h"
@@ -109,9 +110,13 @@ int processNotexistingMailnamesOptions(const Args &args, const std::string &alia
         DomainManager::createCatchallFor(batch, DomainList(1, alias), email);
         return 0;
     }
-    // No catch-all and no bounce record: mail to unknown names is rejected.
-    if (args.has("set-reject"))
+    // Without an "@" record mail to unknown names is rejected; a renamed
+    // alias brings the one it had under its old name, so it goes.
+    if (args.has("set-reject")) {
+        BatchDatabaseHelper batch(true, true);
+        batch.removeChanges(tables::virtual_addresses, KeyList(1, "@" + alias));
         return 0;
+    }
     zarnet_log(3, "Action for notexisting mail names is not specified "
                   "(--set-bounce/--set-catchall/--set-reject)");
     return 1;

@@ -48,8 +48,8 @@ int addDomainAlias(const Args &args);
 int removeDomainAlias(const Args &args);
 int renameDomainAlias(const Args &args);
 // Applies the group's bounce or catch-all (MissingMandatoryOption without an
-// address) to alias, or nothing for reject: 0. Without any of the three
-// switches it logs why and returns 1.
+// address) to alias, or for reject drops the alias's "@" record: 0. Without
+// any of the three switches it logs why and returns 1.
 int processNotexistingMailnamesOptions(const Args &args, const std::string &alias);
 
 // DomainOptionsCommands.cpp: settings of a whole mail domain.

@@ -145,6 +145,10 @@ def test_alias_records_logins_and_removal(host):
                               "aliases": {f"_zarnet_bounce_{N}": BOUNCE + '"'}}
     domains, users = auth(sb)
     assert (A in domains, {"info@" + N, "boss@" + N} <= users) == (False, True)
+    # reject drops the catch-all or bounce an alias brings from its old name
+    sb.mailtend("--rename-domain-alias", D_ARG, "--old-domain-alias-name=" + N,
+                "--new-domain-alias-name=" + A, "--set-reject").expect()
+    assert "@" + A not in records(sb, A)["virtual"]
 
 
 def test_running_postfix_follows_at_once(sandbox, panel_db):
