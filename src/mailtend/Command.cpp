@@ -37,6 +37,7 @@ const po::value_semantic *semantic(const Option &option)
     case Value::address:
     case Value::ipAddress:
     case Value::line:
+    case Value::lines:
     case Value::fileName:
     case Value::path:
         return withDefault<std::string>(option);

@@ -32,6 +32,7 @@ enum class Value {
     address,         // a mail address
     ipAddress,       // a plain IPv4 or IPv6 address
     line,            // one line of free text
+    lines,           // free text that may span lines (no other control character)
     fileName,        // one line naming a file, at most NAME_MAX bytes
     path,            // one line naming a path, shorter than PATH_MAX
     int64,

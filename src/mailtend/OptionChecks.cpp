@@ -2,6 +2,7 @@
 
 #include "utils/mail_validate.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 
@@ -115,6 +116,12 @@ void checkValues(const Args &args, const Options &options)
         case Value::line:
             problem = v::lineText(args.text(name.c_str()), max_line);
             break;
+        case Value::lines: {
+            std::string text = args.text(name.c_str());
+            std::replace(text.begin(), text.end(), '\n', ' ');
+            problem = v::lineText(text, max_line);
+            break;
+        }
         case Value::fileName:
             problem = v::lineText(args.text(name.c_str()), NAME_MAX);
             break;

@@ -17,6 +17,7 @@ namespace {
 #define NOTE "\n        "
 #define TYPE_NAME_NOTE NOTE "--handler-type-name is required for every type except global, and not allowed with it."
 #define MISSING_NOTE NOTE "Exit status 1 if the handler does not exist."
+#define NOTEXISTING_USAGE "<--set-bounce 'text'| --set-catchall 'email' | --set-reject>"
 
 // Option groups shared by several commands.
 const Options domainNameOption = {"domain-name", Value::domain, "domain name", mandatory};
@@ -30,6 +31,8 @@ const Options mailnameListOptions = {
 const Options domainWordsOption = {"domain-name", Value::domainWords, "domain name", mandatory};
 const Options domainDisabledOption = {"mail-domain-disabled,D", Value::none,
                                       "the domain is disabled (currently unused)"};
+// The bounce text may span lines; they are sent as one.
+const Options phraseOption = {"phrase", Value::lines, "phrase"};
 const Options diskQuotaOption = {"disk-quota", Value::int64, "disk quota", mandatory};
 // The alias is a local part in the mailname's domain.
 const Options aliasOptions = {mailnameOptions, {"alias", Value::mailname, "alias email", mandatory}};
@@ -55,6 +58,11 @@ const Options handlerNamingOptions = {
     {"handler-type-name", Value::string, "handler type name"}};
 const Options handlerHookOption = {"hook", Value::string, "hook point " HANDLER_HOOKS, mandatory};
 
+Options domainAliasOption(const char *name, const char *help)
+{
+    return {name, Value::domain, help, mandatory};
+}
+
 Options handlerOptions()
 {
     return {handlerNamingOptions, handlerHookOption};
@@ -76,7 +84,7 @@ const Options &formNotexistingMailOptions()
     static const Options group = {{"set-catchall", Value::none, "set a domain catchall address"},
                                   {"email", Value::address, "domain alias name"},
                                   {"set-bounce", Value::none, "set a domain bounce"},
-                                  {"phrase", Value::line, "phrase"},
+                                  {"phrase", Value::lines, "phrase"},
                                   {"set-reject", Value::none, "set domain reject flag"}};
     return group;
 }
@@ -187,16 +195,32 @@ const Command command_table[] = {
      aliasOptions},
     {"--add-domain",
      "--domain-name=<domain_name> [--disk-quota=<quota>]",
-     "adds mail domain"}, // addDomain
+     "adds mail domain",
+     addDomain,
+     "add a domain",
+     "--add-domain --domain-name=<domain> [--disk-quota=quota]",
+     {domainNameOption, {"disk-quota", Value::int64, "disk quota"}}},
     {"--remove-domain",
      "--domain-name=<domain_name>",
-     "removes mail domain"}, // removeDomain
+     "removes mail domain",
+     removeDomain,
+     "remove a domain",
+     "--remove-domain --domain-name=<domain>",
+     domainNameOption},
     {"--turn-on-domain",
      "--domain-name=<domain_name>",
-     "enables mail domain"}, // enableDomain
+     "enables mail domain",
+     enableDomain,
+     "enable a domain",
+     "--turn-on-domain --domain-name=<domain>",
+     domainNameOption},
     {"--turn-off-domain",
      "--domain-name=<domain_name>",
-     "disables mail domain"}, // disableDomain
+     "disables mail domain",
+     disableDomain,
+     "disable a domain",
+     "--turn-off-domain --domain-name=<domain>",
+     domainNameOption},
     {"--set-domain-disk-quota",
      "--domain-name=<domain_name> --disk-quota=<quota>",
      "sets a disk space quota to a mail domain. Negative quota == Unlimited",
@@ -220,16 +244,32 @@ const Command command_table[] = {
      domainNameOption},
     {"--set-bounce",
      "--domain-name=<domain_name> [--phrase=<phrase>]",
-     "letters sent to a nonexistent mailname, are bounced with this phrase"}, // setBounce
+     "letters sent to a nonexistent mailname, are bounced with this phrase",
+     setBounce,
+     "set a domain bounce",
+     "--set-bounce --domain-name=<domain_name> [--phrase=<phrase>]",
+     {domainNameOption, phraseOption}},
     {"--set-catchall",
      "--domain-name=<domain_name> --email=<email_address>",
-     "letters sent to a nonexistent mailname, are forwarded to this email"}, // setCatchAll
+     "letters sent to a nonexistent mailname, are forwarded to this email",
+     setCatchAll,
+     "set a domain catchall address",
+     "--set-catchall --domain-name=<domain_name> --email=<email_address>",
+     {domainNameOption, {"email", Value::address, "catchall e-mail address", mandatory}}},
     {"--set-reject",
      "--domain-name=<domain-name>",
-     "letters sent to a nonexistent mailname are rejected"}, // setReject
+     "letters sent to a nonexistent mailname are rejected",
+     setReject,
+     "set domain reject flag",
+     "--set-reject --domain-name=<domain-name>",
+     domainNameOption},
     {"--unset-reject",
      "--domain-name=<domain-name>",
-     "do not reject letters sent to a nonexistent mailname"}, // removeReject
+     "do not reject letters sent to a nonexistent mailname",
+     removeReject,
+     "remove domain reject flag",
+     "--unset-reject --domain-name=<domain-name>",
+     domainNameOption},
     {"--add-whitelist",
      "--ip-address=<ip_address> --netmask=<netmask>",
      "adds the subnet to the white-list",
@@ -309,13 +349,28 @@ const Command command_table[] = {
      spfSettingOptions},
     {"--add-domain-alias",
      "--domain-name=<domain_name> --domain-alias-name=<domain_alias_name>",
-     "adds alias for <domain_name>"}, // addDomainAlias
+     "adds alias for <domain_name>",
+     addDomainAlias,
+     "add a domain alias",
+     "--add-domain-alias --domain-name=<domain_name> --domain-alias-name=<domain_alias_name> " NOTEXISTING_USAGE,
+     {domainNameOption, domainAliasOption("domain-alias-name", "domain alias name"),
+      formNotexistingMailOptions()}},
     {"--del-domain-alias",
      "--domain-name=<domain_name> --domain-alias-name=<domain_alias_name>",
-     "removes alias for <domain_name>"}, // removeDomainAlias
+     "removes alias for <domain_name>",
+     removeDomainAlias,
+     "remove a domain alias",
+     "--del-domain-alias --domain-name=<domain_name> --domain-alias-name=<domain_alias_name>",
+     {domainNameOption, domainAliasOption("domain-alias-name", "domain alias name")}},
     {"--rename-domain-alias",
      "--domain-name=<domain_name> --old-domain-alias-name=<old_domain_alias_name> --new-domain-alias-name=<new_domain_alias_name>",
-     "renames alias for <domain_name>"}, // renameDomainAlias
+     "renames alias for <domain_name>",
+     renameDomainAlias,
+     "rename a given domain alias",
+     "--rename-domain-alias --domain-name=<domain_name> --old-domain-alias-name=<old_domain_alias_name> --new-domain-alias-name=<new_domain_alias_name> " NOTEXISTING_USAGE,
+     {domainNameOption, domainAliasOption("old-domain-alias-name", "old domain alias name"),
+      domainAliasOption("new-domain-alias-name", "new domain alias name"),
+      formNotexistingMailOptions()}},
     {"--add-handler",
      "--handler-name=<name> --handler-type=(global|sender|recipient|sender-domain|recipient-domain) --handler-type-name=<name> --executable=<handler> --context=<context> --hook=(before-queue|before-local|before-remote) --priority=<number>",
      "adds a mail-handler",

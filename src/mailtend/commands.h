@@ -12,6 +12,7 @@
 #include "mailtend/Command.h"
 
 #include <cstddef>
+#include <string>
 
 namespace zarnet::mail::postfix::mailtend_commands {
 
@@ -36,6 +37,26 @@ int addRedirect(const Args &args);
 int removeRedirect(const Args &args);
 int addAutoresponder(const Args &args);
 int removeAutoresponder(const Args &args);
+
+// DomainCommands.cpp: mail domains and domain aliases. A domain's logins
+// change first; when that fails the command exits 1 and nothing else
+// changes. Handler and DomainKey failures are warnings and do not change the
+// exit status. The alias commands end with the not-existing-mail group.
+int addDomain(const Args &args);
+int removeDomain(const Args &args);
+int enableDomain(const Args &args);
+int disableDomain(const Args &args);
+int setBounce(const Args &args);
+int setCatchAll(const Args &args);
+int setReject(const Args &args);
+int removeReject(const Args &args);
+int addDomainAlias(const Args &args);
+int removeDomainAlias(const Args &args);
+int renameDomainAlias(const Args &args);
+// Applies the group's bounce or catch-all (MissingMandatoryOption without an
+// address) to alias, or for reject drops the alias's "@" record: 0. Without
+// any of the three switches it logs why and returns 1.
+int processNotexistingMailnamesOptions(const Args &args, const std::string &alias);
 
 // DomainOptionsCommands.cpp: settings of a whole mail domain.
 int setDomainDiskQuota(const Args &args);

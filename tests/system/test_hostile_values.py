@@ -86,6 +86,11 @@ REFUSED = [
      f'SPF exp "{"x" * 64}..." is longer than 1024 bytes'),
     (["--remove-attachment", "--domain-name=example.com", "--mailname=info",
       "--attachment-file-name=a\rb"], 'attachment file name "a\\x0db" holds a control character'),
+    # bounce texts may span lines, nothing else; catch-alls are mail addresses
+    (["--set-bounce", "--domain-name=example.com", "--phrase=a\nb\rc"],
+     'phrase "a\\nb\\x0dc" holds a control character'),
+    (["--set-catchall", "--domain-name=example.com", "--email=|x@y.example"],
+     "mail address \"|x@y.example\" has a local part that begins with '|'"),
     # relay networks: nothing that opens the relay or that Postfix would refuse
     *((["--add-whitelist", f"--ip-address={ip}", f"--netmask={mask}"], message) for
       ip, mask, message in [

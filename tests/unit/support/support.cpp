@@ -291,7 +291,8 @@ CompilerLog::CompilerLog(const std::string &path) : path_(path)
 CompilerLog::~CompilerLog()
 {
     zarnet::mail::postfix::DatabaseHelper::setCompilerPathForTesting("");
-    for (const char *v : {"MAILTEND_COMPILER_LOG", "MAILTEND_PROBE_LOCK", "MAILTEND_COMPILER_FAIL"})
+    for (const char *v : {"MAILTEND_COMPILER_LOG", "MAILTEND_PROBE_LOCK", "MAILTEND_COMPILER_FAIL",
+                          "MAILTEND_COMPILER_FAIL_RUNS"})
         unsetenv(v);
 }
 

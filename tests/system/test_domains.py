@@ -1,0 +1,176 @@
+"""Domains and domain aliases: the records of every table, logins, storage and mail acceptance."""
+
+import re
+import time
+
+import pytest
+
+from panel_db import PanelDB
+from sandbox import MAILNAMES, POSTFIX_LOG
+
+D, D_ARG = "xn--bcher-kva.example", "--domain-name=Bücher.Example"
+TABLES = ("virtual_domains", "virtual", "vmailbox", "aliases")
+STD = ("postmaster", "mailer-daemon", "root", "anonymous", "drweb", "kluser")
+BOUNCE = '"|/usr/lib/zarnet-9.0/bouncemessage'
+NO_ACTION = ("Action for notexisting mail names is not specified "
+             "(--set-bounce/--set-catchall/--set-reject)\n")
+
+
+def std(domain):
+    return {f"{n}@{domain}": f"{n}@localhost.localdomain" for n in STD}
+
+
+def records(sb, *names):
+    """Per table, the records whose key or value mentions one of names."""
+    found = {}
+    for table in TABLES:
+        rows = {k: v for k, v in sb.postmap_s(table).items() if any(n in k + v for n in names)}
+        if rows:
+            found[table] = rows
+    return found
+
+
+def auth(sb):
+    """Domain rows as {name: status} and users as addresses."""
+    out = sb.sqlite("SELECT 'd', name, status FROM domains; SELECT 'u', u.name || '@' || d.name"
+                    " FROM users u JOIN domains d ON u.dom_id = d.id;").check().out
+    rows = [line.split("|") for line in out.splitlines()]
+    return {r[1]: int(r[2]) for r in rows if r[0] == "d"}, {r[1] for r in rows if r[0] == "u"}
+
+
+@pytest.fixture(scope="module")
+def host(module_sandbox, panel_template):
+    """Bücher.Example with the domain alias alias.example (in the panel only) and mailnames
+    info (mail alias sales) and boss, logins for both."""
+    sb = module_sandbox
+    with PanelDB(sb, panel_template).start() as db:
+        dom = db.insert("domains", name=D)
+        db.insert("domainaliases", dom_id=dom, name="alias.example")
+        db.insert("mail_aliases", mn_id=db.insert("mail", dom_id=dom, mail_name="info"),
+                  alias="sales")
+        db.insert("mail", dom_id=dom, mail_name="boss")
+        sb.init_auth_db()
+        yield sb
+
+
+def add_logins(sb):
+    for name in ("info", "boss"):
+        sb.make_home(D, name)
+        sb.mailtend("--add-mailbox", D_ARG, f"--mailname={name}", env={"ZRN_PASSWORD": "pw"}).expect()
+
+
+MULTI = BOUNCE + r" No\\\ such\\\ user\\\ Bye" + '"'
+BOUNCED = {"@" + D: f"_zarnet_bounce_{D}@localhost.localdomain"}
+CAUGHT, PANEL_ALIAS = {"@" + D: "Boss@" + D}, {"@alias.example": "boss@" + D}
+
+
+def state(virtual=(), bounce=None, enabled=True):
+    """The records of D: its mailbox, enabled with its standard addresses and more, its bounce
+    command."""
+    found = {"virtual_domains": {D: D + "/"}, "virtual": {**std(D), **dict(virtual)}} if enabled else {}
+    return {**found, "vmailbox": {"info@" + D: D + "/info/Maildir/"},
+            **({"aliases": {f"_zarnet_bounce_{D}": bounce}} if bounce else {})}
+
+
+# Each step: arguments, then the records of D after it.
+LIFE = [
+    (["--add-domain", D_ARG, "--disk-quota=-1"], state()),
+    (["--set-bounce", D_ARG], state(BOUNCED, BOUNCE + '"')),
+    (["--set-bounce", D_ARG, "--phrase=it's gone"], state(BOUNCED, BOUNCE + r" it\\\'s\\\ gone" + '"')),
+    (["--set-bounce", D_ARG, "--phrase=No such user\nBye"], state(BOUNCED, MULTI)),
+    # the catch-all replaces the bounce's "@D"; the bounce command stays
+    (["--set-catchall", D_ARG, "--email=Boss@BÜCHER.example"], state(CAUGHT, MULTI)),
+    (["--set-catchall", "--domain-name=alias.example", "--email=boss@" + D],
+     state({**CAUGHT, **PANEL_ALIAS}, MULTI)),
+    # both switches drop the catch-all of the domain and of its aliases in the panel
+    (["--set-reject", D_ARG], state((), MULTI)),
+    (["--turn-off-domain", D_ARG], state(bounce=MULTI, enabled=False)),
+    (["--turn-on-domain", D_ARG], state((), MULTI)),
+    (["--set-catchall", "--domain-name=alias.example", "--email=boss@" + D], state(PANEL_ALIAS, MULTI)),
+    (["--unset-reject", D_ARG], state((), MULTI)),
+    (["--remove-domain", D_ARG], {}),
+]
+
+
+def test_domain_life_cycle(host):
+    sb = host
+    add_logins(sb)
+    sb.mailtend("--set-catchall", D_ARG).expect(
+        1, None, 'mandatory option "--email" is not specified\n')
+    seen = []
+    sb.run(["postmap", "-i", "hash:/var/spool/postfix/zarnet/vmailbox"],
+           stdin=f"info@{D} {D}/info/Maildir/\n").check()
+    for argv, want in LIFE:
+        sb.mailtend(*argv).expect()
+        assert records(sb, D) == want, argv
+        seen.append((sb.exists(f"{MAILNAMES}/{D}"), auth(sb)[0].get(D)))
+    # the storage root from creation to removal; the login status follows the switches
+    assert seen == [(True, 0)] * 7 + [(True, 1)] + [(True, 0)] * 3 + [(False, None)]
+    assert auth(sb)[1] == set()
+
+
+def test_alias_records_logins_and_removal(host):
+    sb = host
+    sb.mailtend("--add-domain", D_ARG).expect()
+    add_logins(sb)
+    A, N = "xn--bcher-kva.net", "renamed.example"
+    target = {"info@" + A: "info@" + D, "sales@" + A: "info@" + D, "boss@" + A: "boss@" + D}
+    cases = [  # group options, exit status, standard output, the "@A" record, the bounce record
+        ([], 1, NO_ACTION, {}, {}),
+        (["--set-reject"], 0, "", {}, {}),
+        (["--set-catchall", "--email=x@Bücher.Example"], 0, "", {"@" + A: "x@" + D}, {}),
+        (["--set-bounce", "--phrase=bye"], 0, "",
+         {"@" + A: f"_zarnet_bounce_{A}@localhost.localdomain"},
+         {"aliases": {f"_zarnet_bounce_{A}": BOUNCE + ' bye"'}}),
+    ]
+    for extra, rc, out, at, bounce in cases:
+        res = sb.mailtend("--add-domain-alias", D_ARG, "--domain-alias-name=Bücher.NET", *extra)
+        assert (res.rc, res.out) == (rc, out), res
+        assert records(sb, A) == {"virtual": {**std(A), **target, **at}, **bounce}
+        assert auth(sb)[1] >= {"info@" + A, "boss@" + A}, extra
+        sb.mailtend("--del-domain-alias", D_ARG, "--domain-alias-name=bücher.net").expect()
+        assert (records(sb, A), A in auth(sb)[0]) == ({}, False), extra
+    sb.mailtend("--add-domain-alias", D_ARG, "--domain-alias-name=" + A, "--set-catchall").expect(
+        1, None, 'Fatal error: zarnet::mail::postfix::mailtend_commands::MissingMandatoryOption('
+        'mandatory option "--email" is not specified)\n')
+
+    # a rename with a bounce: everything of the old name moves, the bounce is the new name's
+    sb.mailtend("--set-bounce", "--domain-name=" + A, "--phrase=bye").expect()
+    sb.mailtend("--rename-domain-alias", D_ARG, "--old-domain-alias-name=" + A,
+                "--new-domain-alias-name=" + N, "--set-bounce").expect()
+    moved = {k.replace(A, N): v for k, v in target.items()}
+    assert records(sb, A) == {}
+    assert records(sb, N) == {"virtual": {**std(N), **moved,
+                                          "@" + N: f"_zarnet_bounce_{N}@localhost.localdomain"},
+                              "aliases": {f"_zarnet_bounce_{N}": BOUNCE + '"'}}
+    domains, users = auth(sb)
+    assert (A in domains, {"info@" + N, "boss@" + N} <= users) == (False, True)
+    # reject drops the catch-all or bounce an alias brings from its old name
+    sb.mailtend("--rename-domain-alias", D_ARG, "--old-domain-alias-name=" + N,
+                "--new-domain-alias-name=" + A, "--set-reject").expect()
+    assert "@" + A not in records(sb, A)["virtual"]
+
+
+def test_running_postfix_follows_at_once(sandbox, panel_db):
+    """A running mail server takes mail for a domain as soon as the command returns."""
+    sb = sandbox
+    sb.start_postfix()
+    # (command or rig step, its exit status, then swaks's: 24 is RCPT refused); without the
+    # password database a removal is refused and the domain stays
+    steps = [(None, 0, 24), ("--add-domain", 0, 0), ("--remove-domain", 1, 0),
+             (sb.init_auth_db, 0, 0), ("--turn-off-domain", 0, 24), ("--turn-on-domain", 0, 0),
+             ("--remove-domain", 0, 24)]
+    got = []
+    for step, _, _ in steps:
+        rc = step() and 0 if callable(step) else 0
+        if isinstance(step, str):
+            # daemons notice a changed table by its modification time in whole seconds
+            time.sleep(1.1)
+            rc = sb.mailtend(step, "--domain-name=fresh.example").rc
+        got.append((rc, sb.run(["swaks", "--server", "127.0.0.1", "--quit-after", "RCPT", "--helo",
+                                "client.example", "--from", "a@client.example",
+                                "--to", "postmaster@fresh.example"]).rc))
+    assert got == [(rc, swaks) for _, rc, swaks in steps]
+    # each change reached the address-rewriting daemon of the Postfix that runs
+    assert len(re.findall(r"process /usr/lib/postfix/sbin/trivial-rewrite pid \d+ killed by signal 2",
+                          sb.read_text(POSTFIX_LOG))) == 4
