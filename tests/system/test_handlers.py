@@ -106,8 +106,6 @@ FAILURES = [  # fault, arguments, message, what follows it on stdout
      'option "--handler-type-name" does not apply to handler type "global"\n', HELP),
     ("priority not checked", changed("--priority", "1-2"),
      'handler priority "1-2" is not a decimal number\n', HELP),
-    ("mandatory hook not enforced", changed("--hook", None),
-     'mandatory option "--hook" is not specified\n', HELP),
     ("missing executable accepted", changed("--executable", "/usr/bin/absent"),
      "Unable to stat executable '/usr/bin/absent': No such file or directory\n", ""),
     *((f"{c} of a missing handler succeeded", [c, *NAMING], MISSING, "") for c in (
