@@ -22,12 +22,9 @@ def std(domain):
 
 def records(sb, *names):
     """Per table, the records whose key or value mentions one of names."""
-    found = {}
-    for table in TABLES:
-        rows = {k: v for k, v in sb.postmap_s(table).items() if any(n in k + v for n in names)}
-        if rows:
-            found[table] = rows
-    return found
+    found = {t: {k: v for k, v in sb.postmap_s(t).items() if any(n in k + v for n in names)}
+             for t in TABLES}
+    return {t: rows for t, rows in found.items() if rows}
 
 
 def auth(sb):

@@ -26,6 +26,7 @@ def host(module_sandbox, panel_template):
         db.insert("mail_aliases", mn_id=db.insert("mail", dom_id=dom, mail_name="info"),
                   alias="sales")
         sb.init_auth_db()
+        sb.start_authdaemon()
         yield sb
 
 
@@ -128,6 +129,7 @@ def test_rename_moves_records_home_and_logins(sb, env, logins):
     assert s["virtual"] == everywhere("help", f"help@{DOMAIN}")
     assert s["vmailbox"] == {f"help@{DOMAIN}": f"{DOMAIN}/help/Maildir/"}
     assert s["logins"] == logins
+    assert [sb.authtest(f"{n}@{ALIASES[0]}", "s3cret").rc for n in ("help", "info")] == [not env, 1]
     assert sorted({k.split("/")[0] for k in s["homes"]}) == ["help"]
     assert s["homes"]["help/Maildir/new/1.msg"] == "Subject: kept\n"
 
