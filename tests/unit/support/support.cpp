@@ -285,7 +285,8 @@ void PostfixDirs::create(const std::string &table)
 CompilerLog::CompilerLog(const std::string &path) : path_(path)
 {
     setenv("MAILTEND_COMPILER_LOG", path_.c_str(), 1);
-    zarnet::mail::postfix::DatabaseHelper::setCompilerPathForTesting(MAILTEND_TEST_SUPPORT_DIR "/compiler_logger.py");
+    const char *dir = std::getenv("MAILTEND_TEST_SUPPORT_DIR"); // where a sandbox hides the checkout
+    zarnet::mail::postfix::DatabaseHelper::setCompilerPathForTesting(std::string(dir ? dir : MAILTEND_TEST_SUPPORT_DIR) + "/compiler_logger.py");
 }
 
 CompilerLog::~CompilerLog()
