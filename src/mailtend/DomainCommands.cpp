@@ -77,9 +77,13 @@ int changeDomainStatus(const Args &args, int (*authAction)(const char *), const 
                        void (*tableAction)(const std::string &), int handlerAction)
 {
     const std::string domain = storeDomain(args.text("domain-name"));
+    // A table change that fails takes the login status change back with it.
+    MailAuthCommand auth;
     if (domain_auth_action(domain.c_str(), authAction, actionText) == -1)
         return 1;
     tableAction(domain);
+    if (commitLogins(auth, "status change", domain) != 0)
+        return 1;
     killproc(rewriteDaemonPath());
     mass_control_handler_by_mailname(domain.c_str(), nullptr, handlerAction);
     return 0;
@@ -136,6 +140,9 @@ int addDomain(const Args &args)
 int removeDomain(const Args &args)
 {
     const std::string domain = storeDomain(args.text("domain-name"));
+    // Not one transaction with the removal: the store may take long to
+    // delete, and other commands must not wait on passwd.db meanwhile. A
+    // retry after a failed removal finds the logins gone and goes on.
     if (domain_auth_action(domain.c_str(), mailAuthRemoveDomain, "remove auth record") == -1)
         return 1;
     DomainManager::removeDomain(domain, removeStorage);

@@ -105,8 +105,14 @@ std::string checkedMailname(const Args &args, const char *option)
     return name;
 }
 
-// The logins were changed in a transaction left open while the tables and
-// the store changed; only its commit can fail after those.
+void removeHandlersOf(const std::string &address)
+{
+    if (mass_control_handler_by_mailname(address.c_str(), nullptr, HANDLER_ACTION_REMOVE) != 0)
+        uerr << "ERROR: unable to remove mail handler for " << address << std::endl;
+}
+
+} // namespace
+
 int commitLogins(MailAuthCommand &auth, const char *what, const std::string &address)
 {
     if (auth.commit() == 0)
@@ -115,14 +121,6 @@ int commitLogins(MailAuthCommand &auth, const char *what, const std::string &add
                address.c_str());
     return 1;
 }
-
-void removeHandlersOf(const std::string &address)
-{
-    if (mass_control_handler_by_mailname(address.c_str(), nullptr, HANDLER_ACTION_REMOVE) != 0)
-        uerr << "ERROR: unable to remove mail handler for " << address << std::endl;
-}
-
-} // namespace
 
 int addMailname(const Args &args)
 {

@@ -14,7 +14,15 @@
 #include <cstddef>
 #include <string>
 
+class MailAuthCommand;
+
 namespace zarnet::mail::postfix::mailtend_commands {
+
+// The logins were changed in a transaction left open while the tables and
+// the store changed; only its commit can fail after those, and then the
+// output says what was left done: "The WHAT of SUBJECT was done, but its
+// logins were not changed". 0, or 1 after that report.
+int commitLogins(MailAuthCommand &auth, const char *what, const std::string &subject);
 
 // MailnameCommands.cpp: one mailname, its aliases, its mailbox and password.
 // Passwords come only from the environment (ZRN_PASSWORD, else

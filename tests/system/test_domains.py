@@ -148,6 +148,14 @@ def test_alias_records_logins_and_removal(host):
     assert "@" + A not in records(sb, A)["virtual"]
 
 
+def test_failed_table_change_takes_back_the_login_status(host):
+    host.mailtend("--add-domain", D_ARG).expect()
+    host.fail_call("/usr/sbin/postmap", 1)
+    r = host.mailtend("--turn-off-domain", D_ARG)
+    host.restore("/usr/sbin/postmap")
+    assert (r.rc, auth(host)[0].get(D)) == (1, 0), r
+
+
 def test_running_postfix_follows_at_once(sandbox, panel_db):
     """A running mail server takes mail for a domain as soon as the command returns."""
     sb = sandbox
