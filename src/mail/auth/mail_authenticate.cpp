@@ -426,10 +426,10 @@ int read_clone_source(sqlite3 *db, const char *mailname, const char *domain, cha
         Statement st(db, "SELECT id, status FROM domains WHERE name=?", false);
         const int found = st.text(domain, "Unable to bind parameter domain id for: %s: %s", domain)
                               .step("Unable to get domain id: %s");
-        if (found == 0)
-            zarnet_log(3, "Unable to get mail domain id for: %s", domain);
+        // A domain none of whose mailnames has a login has no row yet: like a
+        // missing user, nothing to clone (aliases of such domains must work).
         if (found != 1)
-            return -1;
+            return found;
         dom_id = st.id(0);
         domain_status = st.number(1);
     }

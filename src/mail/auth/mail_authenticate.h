@@ -37,7 +37,7 @@ int mailAuthSet(const char *mailname, const char *domain, const char *password, 
 int mailAuthRemove(const char *mailname, const char *domain);
 int mailAuthRename(const char *old_mailname, const char *new_mailname, const char *domain);
 // Stores the source user's password, status and domain status under the
-// target name; a missing source user gives 0 and writes nothing.
+// target name; a missing source user or domain gives 0 and writes nothing.
 int mailAuthClone(const char *src_mailname, const char *src_domain, const char *dst_mailname,
                   const char *dst_domain);
 

@@ -47,10 +47,10 @@ TEST_F(AuthRecords, ChangesAndFailures)
                            mailAuthRename("a", "c", "ex.com"), mailAuthRename("c", "b", "ex.com")}); },
          -1, "Unable to execute the mail authorization renaming query: UNIQUE constraint failed: users.name,"
              " users.dom_id\n", "ex.com 0\n2 b@ex.com q/ 0, 1 c@ex.com p/ 0\n"},
-        {"clone_drops_flags_or_writes_for_missing_user_or_marks_plain_encrypted",
+        {"clone_drops_flags_or_fails_or_writes_for_missing_user_or_domain_or_marks_plain_encrypted",
          [] { return ored({mailAuthSet("a", "ex.com", "$1$h", 7), mailAuthSet("b", "ex.com", "pw", 0),
                            mailAuthClone("a", "ex.com", "a", "o.com"), mailAuthClone("b", "ex.com", "c", "o.com"),
-                           mailAuthClone("zz", "ex.com", "zz", "none.com")}); },
+                           mailAuthClone("zz", "ex.com", "zz", "none.com"), mailAuthClone("a", "gone.com", "a", "none.com")}); },
          0, "", "ex.com 1, o.com 1\n1 a@ex.com /$1$h 1, 2 b@ex.com pw/ 0, 3 a@o.com /$1$h 1, 4 c@o.com pw/ 0\n"},
         {"domain_status_rename_or_removal_wrong",
          [] { return ored({mailAuthSet("a", "ex.com", "p", 4), mailAuthSet("b", "o.com", "p", 0),
