@@ -121,7 +121,7 @@ def report_rss(label, small, large):
     with that of the floor's raw calls beside it."""
     (n, rs), (m, rl) = small, large
     ratio = rl["rss"] / rs["rss"]
-    print(f"{label:<46} peak RSS {rs["rss"]} KiB at {n}, {rl["rss"]} KiB at {m} (floor "
+    print(f"{label:<46} peak RSS {rs['rss']} KiB at {n}, {rl['rss']} KiB at {m} (floor "
           f"{rs['floor_rss']} / {rl['floor_rss']} KiB)  ratio {ratio:.2f}  target 2.0 "
           f"{'met' if ratio <= 2 else 'MISSED'}")
     return ratio <= 2
@@ -272,8 +272,8 @@ def domains_bench(server):
     small = server.fill(1, 4, 0)
     nothing = ["--del-domain-alias", "--domain-name=d0.bench", a + "none.bench"]
     _, tiny = run_plan(server, small, [(None, nothing, [], 0, "")], [], reps=3, quiet=True)
-    return report_rss("--del-domain-alias (changes nothing)", (small, tiny[0]),
-                      (size, results[-1])) and ok
+    return report_rss("--del-domain-alias (changes nothing)", (f"{small} records", tiny[0]),
+                      (f"{size} records", results[-1])) and ok
 
 
 def mailnames_bench(server):
@@ -298,7 +298,7 @@ def mailnames_bench(server):
         met, results = run_plan(server, size, items, setup, reps=5,
                                 tag=f"({10 * domains} mailnames)")
         ok &= met
-        rename.append((10 * domains, results[-1]))
+        rename.append((f"{10 * domains} mailnames", results[-1]))
     return report_rss("--rename-mailname", *rename) and ok
 
 
