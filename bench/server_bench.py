@@ -5,6 +5,7 @@ this file inside the sandbox ("inside" mode), where each command is first run on
 replaced by a recorder (arguments and input), and then timed, interleaved with its floor: the
 recorded one-record calls replayed against the real postmap, plus `postmap -s` and a rebuild of
 each table the command rewrote. Every command is undone (untimed) after itself and its floor.
+BENCH_DOMAINS=N shrinks the large server to N domains for a quick trial.
 """
 import json
 import os
@@ -281,10 +282,10 @@ def domains_bench(server):
         ("--del-domain-alias (changes nothing)", ["--del-domain-alias", d, a + "none.bench"], [],
          1.1, "dump"),
     ]
-    ok, results = run_plan(server, size, items, [["--add-domain", d]], reps=5)
+    ok, results = run_plan(server, items, [["--add-domain", d]], reps=5)
     small = server.fill(1, 4, 0)
     nothing = ["--del-domain-alias", "--domain-name=d0.bench", a + "none.bench"]
-    _, tiny = run_plan(server, small, [(None, nothing, [], 0, "")], [], reps=3, quiet=True)
+    _, tiny = run_plan(server, [(None, nothing, [], 0, "")], [], reps=3, quiet=True)
     return report_rss("--del-domain-alias (changes nothing)", (f"{small} records", tiny[0]),
                       (f"{size} records", results[-1])) and ok
 
@@ -293,7 +294,7 @@ def mailnames_bench(server):
     """100,000 mailnames in 10,000 domains with two domain aliases each, and 10 in one."""
     ok, rename = True, []
     for domains in (1, int(os.environ.get("BENCH_DOMAINS", 10000))):
-        size = server.fill(domains, 10, 2)
+        server.fill(domains, 10, 2)
         d, m = "--domain-name=d0.bench", "--mailname="
         items = [
             ("--add-mailname", ["--add-mailname", d, m + "new"],
@@ -308,16 +309,16 @@ def mailnames_bench(server):
              [["--rename-mailname", d, "--old-mailname=r2", "--new-mailname=u2"]], 1.2, "floor"),
         ]
         setup = [["--add-mailname", d, m + n] for n in ("u1", "u2")]
-        met, results = run_plan(server, size, items, setup, reps=5,
+        met, results = run_plan(server, items, setup, reps=5,
                                 tag=f"({10 * domains} mailnames)")
         ok &= met
         rename.append((f"{10 * domains} mailnames", results[-1]))
     return report_rss("--rename-mailname", *rename) and ok
 
 
-def run_plan(server, size, items, setup, reps, tag="", quiet=False):
-    """Measures (label, command, undo commands, target, floor) items on a server of size records
-    in virtual; whether each met its target, and the results."""
+def run_plan(server, items, setup, reps, tag="", quiet=False):
+    """Measures (label, command, undo commands, target, floor) items after the setup commands;
+    whether each met its target, and the results."""
     plan = {"setup": setup, "items": [{"do": do, "undo": undo, "reps": reps}
                                       for _, do, undo, _, _ in items]}
     results, ok = server.measure(plan), True
