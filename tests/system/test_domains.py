@@ -148,6 +148,15 @@ def test_alias_records_logins_and_removal(host):
     assert "@" + A not in records(sb, A)["virtual"]
 
 
+def test_new_domain_purges_an_alias_of_its_name(host):
+    host.mailtend("--add-domain", D_ARG).expect()
+    host.mailtend("--add-domain-alias", D_ARG, "--domain-alias-name=was.example",
+                  "--set-catchall", f"--email=info@{D}").expect()
+    host.mailtend("--add-domain", "--domain-name=was.example").expect()
+    assert records(host, "was.example") == {"virtual_domains": {"was.example": "was.example/"},
+                                            "virtual": std("was.example")}
+
+
 def test_failed_table_change_takes_back_the_login_status(host):
     host.mailtend("--add-domain", D_ARG).expect()
     host.fail_call("/usr/sbin/postmap", 1)

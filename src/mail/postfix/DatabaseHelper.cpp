@@ -200,6 +200,19 @@ void DatabaseHelper::addRecord(const std::string &table, const std::string &key,
     addRecordList(table, RecordList(1, Record(key, value)));
 }
 
+bool DatabaseHelper::hasRecord(const std::string &table, const std::string &key)
+{
+    checkRecord(Record(key, "x"));
+    std::string output;
+    const int status = runCompiler({"-q", key, table}, process::InputSource(), output);
+    if (exitedZero(status))
+        return true;
+    // Not found is a non-zero exit with nothing said.
+    if (WIFSIGNALED(status) || !DatabaseHelper::checkOutput(output, false))
+        throw PostfixDatabaseError(failureText(output, status));
+    return false;
+}
+
 void DatabaseHelper::addRecordList(const std::string &table, const RecordList &records)
 {
     if (records.empty())

@@ -48,6 +48,9 @@ public:
     static void addRecord(const std::string &table, const std::string &key,
                           const std::string &value);
     static void removeRecord(const std::string &table, const std::string &key);
+    // Whether the table holds key: one lookup, for callers that would
+    // otherwise rewrite a whole table just in case. Throws as a removal does.
+    static bool hasRecord(const std::string &table, const std::string &key);
     static void filterRecords(const std::string &table, const RecordFilter &filter);
 
     template <class It>

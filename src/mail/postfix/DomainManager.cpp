@@ -141,19 +141,35 @@ void removeBounceRecord(const std::string &domain)
 const char *const DomainManager::stdAddresses[6] = {"postmaster", "mailer-daemon", "root",
                                                     "anonymous",  "drweb",         "kluser"};
 
+namespace {
+
+// An alias of the same name always leaves its standard addresses in
+// "virtual"; without them there is nothing of it to purge, and the rewrite of
+// the whole table (seconds on a large server) is skipped.
+void removeAliasLeftovers(const std::string &domain)
+{
+    if (DatabaseHelper::hasRecord(tables::virtual_addresses,
+                                  std::string(DomainManager::stdAddresses[0]) + "@" + domain))
+        DomainManager::removeDomainAlias(domain);
+    else
+        removeBounceRecord(domain);
+}
+
+} // namespace
+
 void DomainManager::createDomain(const std::string &domain, long long quota, bool disabled)
 {
     MaildirPPManager &storage = MaildirPPManager::getInstance();
     storage.createDomainRoot(domain);
     storage.setDomainQuota(domain, quota);
-    removeDomainAlias(domain);
+    removeAliasLeftovers(domain);
     createDomainRecord(domain, disabled);
 }
 
 void DomainManager::createDomain(const std::string &domain, bool disabled)
 {
     MaildirManager::getInstance().createDomainRoot(domain);
-    removeDomainAlias(domain);
+    removeAliasLeftovers(domain);
     createDomainRecord(domain, disabled);
 }
 
