@@ -165,6 +165,14 @@ def test_failed_table_change_takes_back_the_login_status(host):
     assert (r.rc, auth(host)[0].get(D)) == (1, 0), r
 
 
+def test_alias_warns_when_the_domain_key_cannot_follow(host):
+    host.mailtend("--add-domain", D_ARG).expect()
+    for path, text in ((f"/etc/domainkeys/{D}/default", "key\n"), ("/etc/domainkeys/warn.example", "")):
+        host.write(path, text)
+    r = host.mailtend("--add-domain-alias", D_ARG, "--domain-alias-name=warn.example", "--set-reject")
+    assert r.rc == 0 and "WARNING: cannot clone domain key for warn.example\n" in r.err, r
+
+
 def test_running_postfix_follows_at_once(sandbox, panel_db):
     """A running mail server takes mail for a domain as soon as the command returns."""
     sb = sandbox

@@ -37,8 +37,6 @@ ADD_ATTACHMENT = ["--add-attachment", *INFO, "--attachment-file-name=a", "--file
 REFUSED = [  # fault, planted file and kind, command, what the report says
     ("redirect waited on a FIFO .qmail", QMAIL, "fifo",
      ["--add-redirect", *INFO, "--redirect-email=a@x.example"], FIFO),
-    ("redirect removal waited on a FIFO .qmail", QMAIL, "fifo",
-     ["--remove-redirect", *INFO, "--redirect-email=a@x.example"], FIFO),
     ("attachment copied through the upload's link", UPLOAD, "link", ADD_ATTACHMENT,
      f"Unable to open file {UPLOAD}: " + LINK),
     ("attachment upload waited on a FIFO", UPLOAD, "fifo", ADD_ATTACHMENT,
