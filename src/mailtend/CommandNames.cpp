@@ -14,6 +14,14 @@ std::string asciiDomain(const std::string &name)
     return boost::algorithm::to_lower_copy(zarnet::idn::toAscii(name), std::locale::classic());
 }
 
+std::string asciiAddress(const std::string &address)
+{
+    const std::string::size_type at = address.find('@');
+    if (at == std::string::npos)
+        return address;
+    return address.substr(0, at + 1) + asciiDomain(address.substr(at + 1));
+}
+
 void checkPathComponent(const char *kind, const std::string &name)
 {
     if (name.empty() || name == "." || name == ".." ||

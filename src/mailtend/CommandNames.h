@@ -12,6 +12,9 @@
 namespace zarnet::mail::postfix::mailtend_commands {
 
 std::string asciiDomain(const std::string &name);
+// The domain part of an address (after its first "@") as asciiDomain gives
+// it; the local part stays as given, and so does text without "@".
+std::string asciiAddress(const std::string &address);
 
 // A name that becomes one directory level of the mail store (a domain or a
 // mailname) must stay one level: empty names, names holding "/" or a NUL,

@@ -2,17 +2,15 @@
 
 #include "mail/auth/mail_authenticate.h"
 #include "mail/dns/domain_keys.h"
+#include "mail/handlers/handlers.h"
 #include "mail/handlers/handlers_mass.h"
 #include "mail/postfix/DomainManager.h"
 #include "mail/postfix/MainCfManager.h"
 #include "mail/postfix/lookup_tables.h"
 #include "mailtend/CommandNames.h"
 #include "utils/UtilityErrorStream.h"
-#include "utils/idn.h"
 #include "utils/liblog.h"
 #include "utils/proc_status.h"
-
-#include <boost/algorithm/string/case_conv.hpp>
 
 #include <csignal>
 #include <cstdint>
@@ -23,27 +21,8 @@ namespace zarnet::mail::postfix::mailtend_commands {
 
 namespace {
 
-// Mail-handler mass actions.
-const int handlers_remove = 1;
-const int handlers_enable = 2;
-const int handlers_disable = 3;
-const int handlers_clone = 5;
-const int handlers_reassign = 6;
-
 const char rewrite_daemon[] = "/trivial-rewrite";
 const char default_daemon_directory[] = "/usr/libexec/postfix";
-
-// The domain of an address in the form the tables keep; the local part
-// stays as given.
-std::string storeAddress(const std::string &address)
-{
-    std::string ascii = zarnet::idn::emailToAscii(address);
-    const std::string::size_type at = ascii.find('@');
-    if (at != std::string::npos)
-        ascii.replace(at + 1, std::string::npos,
-                      boost::algorithm::to_lower_copy(ascii.substr(at + 1), std::locale::classic()));
-    return ascii;
-}
 
 // The address-rewriting daemon keeps its tables open and serves long-lived
 // clients; an interrupt ends it and the master starts a fresh one, with the
@@ -107,7 +86,7 @@ int processNotexistingMailnamesOptions(const Args &args, const std::string &alia
         return 0;
     }
     if (args.has("set-catchall")) {
-        const std::string email = args.has("email") ? storeAddress(args.text("email")) : "";
+        const std::string email = args.has("email") ? asciiAddress(args.text("email")) : "";
         if (email.empty())
             throw MissingMandatoryOption("email");
         BatchDatabaseHelper batch(true, true);
@@ -147,7 +126,7 @@ int removeDomain(const Args &args)
         return 1;
     DomainManager::removeDomain(domain, removeStorage);
     killproc(rewriteDaemonPath());
-    if (mass_control_handler_by_mailname(domain.c_str(), nullptr, handlers_remove) != 0)
+    if (mass_control_handler_by_mailname(domain.c_str(), nullptr, HANDLER_ACTION_REMOVE) != 0)
         zarnet::uerr << "WARNING: unable to properly remove all mail handlers for " << domain
                      << std::endl;
     return 0;
@@ -156,13 +135,13 @@ int removeDomain(const Args &args)
 int enableDomain(const Args &args)
 {
     return changeDomainStatus(args, mailAuthEnableDomain, "enable auth records", enableInTables,
-                              handlers_enable);
+                              HANDLER_ACTION_ENABLE);
 }
 
 int disableDomain(const Args &args)
 {
     return changeDomainStatus(args, mailAuthDisableDomain, "disable auth records",
-                              DomainManager::disableDomain, handlers_disable);
+                              DomainManager::disableDomain, HANDLER_ACTION_DISABLE);
 }
 
 int setBounce(const Args &args)
@@ -175,7 +154,7 @@ int setBounce(const Args &args)
 int setCatchAll(const Args &args)
 {
     const std::string domain = storeDomain(args.text("domain-name"));
-    DomainManager::createCatchall(domain, storeAddress(args.text("email")));
+    DomainManager::createCatchall(domain, asciiAddress(args.text("email")));
     return 0;
 }
 
@@ -196,7 +175,7 @@ int addDomainAlias(const Args &args)
     const std::string domain = storeDomain(args.text("domain-name"));
     const std::string alias = storeDomain(args.text("domain-alias-name"));
     DomainManager::createDomainAlias(domain, alias);
-    if (mass_control_handler_by_mailname(domain.c_str(), alias.c_str(), handlers_clone) != 0)
+    if (mass_control_handler_by_mailname(domain.c_str(), alias.c_str(), HANDLER_ACTION_CLONE) != 0)
         zarnet::uerr << "WARNING: unable to clone all mail handlers for " << alias << std::endl;
     if (clone_domain_key(domain.c_str(), alias.c_str()) != 0)
         zarnet::uerr << "WARNING: cannot clone domain key for " << alias << std::endl;
@@ -209,7 +188,7 @@ int removeDomainAlias(const Args &args)
 {
     const std::string alias = storeDomain(args.text("domain-alias-name"));
     DomainManager::removeDomainAlias(alias);
-    if (mass_control_handler_by_mailname(alias.c_str(), nullptr, handlers_remove) != 0)
+    if (mass_control_handler_by_mailname(alias.c_str(), nullptr, HANDLER_ACTION_REMOVE) != 0)
         zarnet::uerr << "WARNING: unable to properly remove mail handlers for " << alias
                      << std::endl;
     remove_domain_key(alias.c_str());
@@ -222,7 +201,7 @@ int renameDomainAlias(const Args &args)
     const std::string from = storeDomain(args.text("old-domain-alias-name"));
     const std::string to = storeDomain(args.text("new-domain-alias-name"));
     DomainManager::renameDomainAlias(from, to);
-    if (mass_control_handler_by_mailname(from.c_str(), to.c_str(), handlers_reassign) != 0)
+    if (mass_control_handler_by_mailname(from.c_str(), to.c_str(), HANDLER_ACTION_REASSIGN) != 0)
         zarnet::uerr << "WARNING: unable to properly re-assign mail handlers from " << from
                      << " to " << to << std::endl;
     if (clone_domain_key(from.c_str(), to.c_str()) != 0)

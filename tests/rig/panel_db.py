@@ -130,6 +130,16 @@ class PanelDB:
                         f"({', '.join(['%s'] * len(columns))})", list(columns.values()))
             return cur.lastrowid
 
+    def add_mail_domain(self, domain, aliases):
+        """domain (mbox quota 7000), its aliases, info with the mail alias sales; its id."""
+        self.insert("Limits", id=1, limit_name="mbox_quota", value=7000)
+        dom = self.insert("domains", name=domain, limits_id=1)
+        for alias in aliases:
+            self.insert("domainaliases", dom_id=dom, name=alias)
+        self.insert("mail_aliases", mn_id=self.insert("mail", dom_id=dom, mail_name="info"),
+                    alias="sales")
+        return dom
+
 
 def _main(argv):
     if len(argv) == 2 and argv[0] == "template":

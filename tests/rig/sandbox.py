@@ -163,8 +163,8 @@ class Sandbox:
         res.argv = list(argv)
         return res
 
-    def mailtend(self, *args, env=None, stdin=None):
-        return self.run([TOOL_PATH, *args], env=env, stdin=stdin)
+    def mailtend(self, *args, env=None, stdin=None, timeout=120):
+        return self.run([TOOL_PATH, *args], env=env, stdin=stdin, timeout=timeout)
 
     def spawn(self, argv, log="/dev/null", env=None):
         """Starts a daemon in the started sandbox, its output appended to log (inside); it ends

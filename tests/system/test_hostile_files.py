@@ -3,7 +3,7 @@ FIFO, follows a link or deletes what it did not read; a refusal names the file a
 
 import pytest
 
-from sandbox import MAILNAMES, POPUSER, TOOL_PATH
+from sandbox import MAILNAMES, POPUSER
 
 HOME = f"{MAILNAMES}/example.com/info"
 QMAIL, MAILDIR = HOME + "/.qmail", HOME + "/Maildir"
@@ -11,6 +11,7 @@ SECRET, UPLOAD, KEY = "/etc/zrn/secret", "/tmp/upload", "/etc/domainkeys/a.examp
 INFO = ["--domain-name=example.com", "--mailname=info"]
 FIFO = f"Unable to open file {QMAIL}: not a regular file\n"
 LINK = "Too many levels of symbolic links\n"
+WAIT = 20  # a run waiting on a FIFO fails instead of hanging the test
 
 
 @pytest.fixture
@@ -27,10 +28,6 @@ def plant(sb, path, kind):
     sb.run(["rm", "-rf", path]).check()
     sb.run([*make, path]).check()
     sb.run(["chown", "-h", f"{POPUSER}:{POPUSER}", path]).check()
-
-
-def mailtend(sb, *args):  # a run waiting on a FIFO fails instead of hanging the test
-    return sb.run([TOOL_PATH, *args], timeout=20)
 
 
 ADD_ATTACHMENT = ["--add-attachment", *INFO, "--attachment-file-name=a", "--file-name=" + UPLOAD]
@@ -50,7 +47,7 @@ REFUSED = [  # fault, planted file and kind, command, what the report says
 @pytest.mark.parametrize("fault,path,kind,args,message", REFUSED, ids=[c[0] for c in REFUSED])
 def test_hostile_file_refused(sb, fault, path, kind, args, message):
     plant(sb, path, kind)
-    r = mailtend(sb, *args)
+    r = sb.mailtend(*args, timeout=WAIT)
     assert r.rc == 1 and message in r.err, r
     assert sb.read_text(SECRET) == "root only\n" and sb.stat(SECRET).st_uid == 0
     assert sb.listdir(HOME + "/@attachments") == [] and not sb.exists("/etc/domainkeys/a.example")
@@ -67,18 +64,18 @@ def test_maildirsize_link_and_stray_folders_skipped(sb):
     bad = [f"Bad/unrecognized entry {n} within Maildir folder Maildir" for n in
            (".Foo/new", ".Linked", ".Stray")]
     for quota in (5000, 7000):  # the strays break no later run either
-        r = mailtend(sb, "--set-mailbox-disk-quota", *INFO, f"--disk-quota={quota}")
+        r = sb.mailtend("--set-mailbox-disk-quota", *INFO, f"--disk-quota={quota}", timeout=WAIT)
         assert r.rc == 0 and r.out == r.err and sorted(r.err.splitlines()) == bad, r
         assert sb.read_text(MAILDIR + "/maildirsize") == "%dS,0C\n%12d%12d\n" % (
             quota - attachments, 300, 1)
     assert sb.read_text(SECRET) == "root only\n"
     plant(sb, MAILDIR + "/maildirsize", "fifo")
-    mailtend(sb, "--get-mailbox-size", *INFO).expect(0, str(attachments + 300))
+    sb.mailtend("--get-mailbox-size", *INFO, timeout=WAIT).expect(0, str(attachments + 300))
 
 
 def test_domain_key_consumes_only_the_file_it_read(sb):
     # named by the key it replaces, the upload's name leads to the new key when it would go
     sb.write(KEY, "old key\n")
-    mailtend(sb, "--set-domain-key", "--domain-name=a.example", "--file-name=" + KEY).expect()
+    sb.mailtend("--set-domain-key", "--domain-name=a.example", "--file-name=" + KEY, timeout=WAIT).expect()
     assert sb.read_text(KEY) == "old key\n"
 

@@ -19,12 +19,7 @@ def host(module_sandbox, panel_template):
     """example.com with two domain aliases; its mailname info has the mail alias sales."""
     sb = module_sandbox
     with PanelDB(sb, panel_template).start() as db:
-        db.insert("Limits", id=1, limit_name="mbox_quota", value=7000)
-        dom = db.insert("domains", name=DOMAIN, limits_id=1)
-        for alias in ALIASES:
-            db.insert("domainaliases", dom_id=dom, name=alias)
-        db.insert("mail_aliases", mn_id=db.insert("mail", dom_id=dom, mail_name="info"),
-                  alias="sales")
+        db.add_mail_domain(DOMAIN, ALIASES)
         sb.init_auth_db()
         sb.start_authdaemon()
         yield sb

@@ -202,7 +202,7 @@ void DatabaseHelper::addRecord(const std::string &table, const std::string &key,
 
 bool DatabaseHelper::hasRecord(const std::string &table, const std::string &key)
 {
-    checkRecord(Record(key, "x"));
+    checkKey(key);
     std::string output;
     const int status = runCompiler({"-q", key, table}, process::InputSource(), output);
     if (exitedZero(status))
