@@ -19,6 +19,7 @@ from panel_db import PanelDB, build_template  # noqa: E402
 from sandbox import REPO, Sandbox  # noqa: E402
 
 HOST_STATE = pytest.StashKey[dict]()
+BOUNCE_PATH = "/usr/lib/zarnet-9.0/bouncemessage"  # the program the bounce records name
 # exact standard output of the commands in expected_output.txt, each below its "$ mailtend" line
 _PARTS = re.split(r"^\$ mailtend (.*)\n", (Path(__file__).parent / "expected_output.txt")
                   .read_text(), flags=re.M)
@@ -70,6 +71,7 @@ def sandbox_template(sandbox_base, mailtend_bin):
     """Initialised, with the programs under test installed; stopped, as clones need it."""
     sb = Sandbox.create(sandbox_base / "template", mailtend_bin)
     sb.install_dbinit(built("MAILTEND_DBINIT_BIN", "mailauth-dbinit"))
+    sb.install(built("MAILTEND_BOUNCE_BIN", "bouncemessage"), BOUNCE_PATH)
     sb.stop()
     return sb
 

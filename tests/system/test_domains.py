@@ -6,7 +6,7 @@ import time
 import pytest
 
 from panel_db import PanelDB
-from sandbox import MAILNAMES, POSTFIX_LOG
+from sandbox import MAILNAMES, POSTFIX_LOG, wait_for
 
 D, D_ARG = "xn--bcher-kva.example", "--domain-name=Bücher.Example"
 TABLES = ("virtual_domains", "virtual", "vmailbox", "aliases")
@@ -196,3 +196,20 @@ def test_running_postfix_follows_at_once(sandbox, panel_db):
     # each change reached the address-rewriting daemon of the Postfix that runs
     assert len(re.findall(r"process /usr/lib/postfix/sbin/trivial-rewrite pid \d+ killed by signal 2",
                           sb.read_text(POSTFIX_LOG))) == 4
+
+
+def test_unknown_mailname_bounces_with_the_phrase(sandbox, panel_db):
+    """The sender of mail for an unknown mailname gets the domain's phrase back."""
+    sb = sandbox
+    sb.start_postfix()
+    sb.mailtend("--add-domain", "--domain-name=fresh.example").expect()
+    sb.mailtend("--set-bounce", "--domain-name=fresh.example", "--phrase=Gone\nfishing").expect()
+    time.sleep(1.1)  # daemons notice a changed table by its modification time in whole seconds
+    sb.run(["sendmail", "-f", "root@localhost", "nobody@fresh.example"],
+           stdin="Subject: lost\n\nbody\n").check()
+    assert wait_for(lambda: "Gone fishing" in sb.read_text("/var/mail/root")
+                    if sb.exists("/var/mail/root") else False), sb.read_text(POSTFIX_LOG)
+    notice = sb.read_text("/var/mail/root")
+    assert "Undelivered Mail Returned to Sender" in notice and "Subject: lost" in notice
+    assert "dsn=5.1.1, status=bounced (user unknown. Command output: Gone fishing )" in \
+        sb.read_text(POSTFIX_LOG)
