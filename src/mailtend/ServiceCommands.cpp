@@ -40,7 +40,9 @@ bool storedWhileRunning(ModuleManager &modules)
     return modules.storeModules(false) && ServiceManager::statusServer(0) == 0;
 }
 
-// Both return whether the caller has to reload the server.
+// Both return whether the caller has to reload the server. The panel is
+// asked before master.cf is locked: a slow database must not hold up the
+// other tools' edits.
 bool checkEnablePostfixModules(unsigned components)
 {
     if ((components & postfixModules) == 0)

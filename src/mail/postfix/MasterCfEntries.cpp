@@ -95,7 +95,10 @@ MasterCfEntries::Pieces MasterCfEntries::parse(const std::string &text)
             for (std::string word; words >> word;)
                 fields.push_back(word);
         }
-        p.service = fields[0];
+        if (!fields.empty())
+            p.service = fields[0];
+        if (fields.size() > 1)
+            p.type = fields[1];
         if (fields.size() > 7)
             p.command = fields[7];
     }
@@ -144,6 +147,13 @@ bool MasterCfEntries::has(const std::string &service, const std::string &command
     if (!state)
         return disabled;
     return active || disabled;
+}
+
+bool MasterCfEntries::serves(const std::string &service, const std::string &type) const
+{
+    return std::any_of(master_.begin(), master_.end(), [&](const Piece &p) {
+        return p.entry && p.service == service && p.type == type;
+    });
 }
 
 bool MasterCfEntries::enable(const std::string &service, const std::string &command)

@@ -34,6 +34,8 @@ public:
     // state: true active, false disabled, indeterminate either.
     bool has(const std::string &service, const std::string &command,
              boost::logic::tribool state) const;
+    // Whether master.cf runs the service name and type with any command.
+    bool serves(const std::string &service, const std::string &type) const;
     // Moves the entry into master.cf unless it is active already. False when
     // there is no such entry at all.
     bool enable(const std::string &service, const std::string &command);
@@ -58,7 +60,7 @@ private:
         std::string text;
         bool entry = false;
         bool leaving = false; // a disabled copy about to be dropped
-        std::string service, command;
+        std::string service, type, command;
     };
     typedef std::vector<Piece> Pieces;
 

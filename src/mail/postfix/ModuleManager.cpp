@@ -89,8 +89,9 @@ void ModuleManager::loadModules(bool readOnly)
     if (masterPath_.empty())
         masterPath_ = fd_io::parent_directory(MainCfManager::getInstance().mainCfPath()) +
                       "/master.cf";
+    std::unique_ptr<MKLock> lock;
     if (!readOnly)
-        lock_ = std::make_unique<MKLock>(masterPath_);
+        lock = std::make_unique<MKLock>(masterPath_);
     struct stat st;
     masterText_ = readFile(masterPath_, false, &st);
     masterUid_ = st.st_uid;
@@ -98,18 +99,14 @@ void ModuleManager::loadModules(bool readOnly)
     masterMode_ = st.st_mode & 07777;
     disabledText_ = readFile(disabledFile, true, nullptr);
     entries_ = std::make_unique<MasterCfEntries>(masterText_, disabledText_);
+    lock_ = std::move(lock); // a failed read gives the lock back at once
 }
 
-MasterCfEntries &ModuleManager::loaded()
+MasterCfEntries &ModuleManager::loaded() const
 {
     if (!entries_)
         throw std::logic_error("master.cf modules used before loadModules");
     return *entries_;
-}
-
-const MasterCfEntries &ModuleManager::loaded() const
-{
-    return const_cast<ModuleManager *>(this)->loaded();
 }
 
 bool ModuleManager::hasModule(const std::string &name, const std::string &command,
@@ -131,8 +128,13 @@ void ModuleManager::disableModule(const std::string &name, const std::string &co
 void ModuleManager::addModule(const ModuleInfo &module, bool enabled)
 {
     MasterCfEntries &entries = loaded();
-    if (!entries.has(module.name, module.command, boost::logic::indeterminate))
-        entries.add(formatModule(module), enabled);
+    if (!entries.has(module.name, module.command, boost::logic::indeterminate)) {
+        // A service the operator runs through another program (a screening
+        // daemon in front of smtpd) is left alone: two entries of one name
+        // and type would clash.
+        if (!entries.serves(module.name, module.type))
+            entries.add(formatModule(module), enabled);
+    }
     else if (enabled)
         entries.enable(module.name, module.command);
     else

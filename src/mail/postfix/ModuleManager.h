@@ -23,6 +23,8 @@
 
 #include <boost/logic/tribool.hpp>
 
+#include <sys/types.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -62,7 +64,9 @@ public:
     // False when the entry is in neither file.
     bool enableModule(const std::string &name, const std::string &command);
     void disableModule(const std::string &name, const std::string &command);
-    // An entry that exists is switched to the state asked for, not added.
+    // An entry that exists is switched to the state asked for, not added;
+    // nothing is added while master.cf runs the name and type through
+    // another command.
     void addModule(const ModuleInfo &module, bool enabled);
 
     // Writes what changed; true when anything did. keepLocked: the lock and
@@ -77,15 +81,16 @@ private:
     ModuleManager(const ModuleManager &) = delete;
     ModuleManager &operator=(const ModuleManager &) = delete;
 
-    MasterCfEntries &loaded();
-    const MasterCfEntries &loaded() const;
+    MasterCfEntries &loaded() const;
     void release();
 
     std::unique_ptr<MKLock> lock_;
     std::unique_ptr<MasterCfEntries> entries_;
     std::string masterPath_;
     std::string masterText_, disabledText_; // as on disk
-    unsigned masterUid_ = 0, masterGid_ = 0, masterMode_ = 0644;
+    uid_t masterUid_ = 0;
+    gid_t masterGid_ = 0;
+    mode_t masterMode_ = 0644;
 };
 
 } // namespace postfix

@@ -41,6 +41,7 @@ TEST(MasterCfEntries, MovesKeepEveryOtherByteAndTheEntrysOwnText)
          [](MasterCfEntries &m) {
              EXPECT_TRUE(m.has("smtp", "smtpd", true) && !m.has("smtp", "smtpd", false));
              EXPECT_FALSE(m.has("smtps", "smtpd", boost::logic::indeterminate));
+             EXPECT_TRUE(m.serves("smtp", "inet") && !m.serves("smtp", "unix"));
          },
          smtpd, smtpd + "# c\n", "# c\n"},
         {"an added entry not appended after a missing line feed", smtpClient + "# end", "",
