@@ -17,6 +17,7 @@ namespace {
 #define NOTE "\n        "
 #define TYPE_NAME_NOTE NOTE "--handler-type-name is required for every type except global, and not allowed with it."
 #define MISSING_NOTE NOTE "Exit status 1 if the handler does not exist."
+#define SERVICE_USAGE "[--mail-component={mta|smtp|smtps|submission|pop3|imap|pop3s|imaps|all}] [--mail-component=...]"
 #define NOTEXISTING_USAGE "<--set-bounce 'text'| --set-catchall 'email' | --set-reject>"
 
 // Option groups shared by several commands.
@@ -40,6 +41,9 @@ const Options redirectOptions = {mailnameOptions,
                                  {"redirect-email", Value::address, "redirect email", mandatory}};
 const Options attachmentNameOption = {"attachment-file-name", Value::fileName,
                                       "attachment file name", mandatory};
+const Options mailComponentOption = {
+    "mail-component", Value::mailComponents,
+    "mail component name (mta|smtp|smtps|submission|pop3|imap|pop3s|imaps|all) (default all)"};
 const Options networkOptions = {{"ip-address", Value::ipAddress, "IPv4 address", mandatory},
                                 {"netmask", Value::ipMask, "netmask", mandatory}};
 
@@ -440,29 +444,52 @@ const Command command_table[] = {
      "[--relayclient] [--smtpauth] [--popauth] [--poplock-time=<time_in_seconds>] [--shortnames]",
      "sets relaying & mailnames parameters"}, // setMailParams
     {"--start-service",
-     "[--mail-component={mta|smtp|smtps|submission|pop3|imap|pop3s|imaps|all}] [--mail-component=...]",
-     "starts entire mail service or one or more of its components"}, // startService
+     SERVICE_USAGE,
+     "starts entire mail service or one or more of its components",
+     startService,
+     "start a service",
+     "--start-service " SERVICE_USAGE,
+     mailComponentOption},
     {"--stop-service",
-     "[--mail-component={mta|smtp|smtps|submission|pop3|imap|pop3s|imaps|all}] [--mail-component=...]",
-     "stops entire mail service or its components"}, // stopService
+     SERVICE_USAGE,
+     "stops entire mail service or its components",
+     stopService,
+     "stop a service",
+     "--stop-service " SERVICE_USAGE,
+     mailComponentOption},
     {"--restart-service",
-     "[--mail-component={mta|smtp|smtps|submission|pop3|imap|pop3s|imaps|all}] [--mail-component=...]",
-     "restarts entire mail service or one or more of its components"}, // restartService
+     SERVICE_USAGE,
+     "restarts entire mail service or one or more of its components",
+     restartService,
+     "restart a service",
+     "--restart-service " SERVICE_USAGE,
+     mailComponentOption},
     {"--reload-service",
-     "[--mail-component={mta|smtp|smtps|submission|pop3|imap|pop3s|imaps|all}] [--mail-component=...]",
-     "reloads configuration for all or selected mail components"}, // reloadService
+     SERVICE_USAGE,
+     "reloads configuration for all or selected mail components",
+     reloadService,
+     "reload a service",
+     "--reload-service " SERVICE_USAGE,
+     mailComponentOption},
     {"--status-service",
-     "[--mail-component={mta|smtp|smtps|submission|pop3|imap|pop3s|imaps|all}] [--mail-component=...]",
-     "returns status of entire mail service or its subcomponents"}, // statusService
+     SERVICE_USAGE,
+     "returns status of entire mail service or its subcomponents",
+     statusService,
+     "get service status",
+     "--status-service " SERVICE_USAGE,
+     mailComponentOption},
     {"-p, --start-smtpd",
      "",
-     "starts SMTP server (obsoleted, use --start-service --mail-component=smtp --mail-component=smtps)"}, // startSMTPD
+     "starts SMTP server (obsoleted, use --start-service --mail-component=smtp --mail-component=smtps)",
+     startSMTPD},
     {"-o, --stop-smtpd",
      "",
-     "stops SMTP server (obsoleted, use --stop-service --mail-component=smtp --mail-component=smtps)"}, // stopSMTPD
+     "stops SMTP server (obsoleted, use --stop-service --mail-component=smtp --mail-component=smtps)",
+     stopSMTPD},
     {"-r, --restart-smtpd",
      "",
-     "restarts SMTP server (obsoleted, use --restart-service --mail-component=smtp --mail-component=smtps)"}, // restartSMTPD
+     "restarts SMTP server (obsoleted, use --restart-service --mail-component=smtp --mail-component=smtps)",
+     restartSMTPD},
     {"-s, --status-smtpd",
      "",
      "SMTP server status (obsoleted, use --status-service --mail-component=smtp --mail-component=smtps)",
@@ -493,10 +520,12 @@ const Command command_table[] = {
      statusIMAP},
     {"-a, --enable-message-submission",
      "",
-     "enables message submission (obsoleted, use --start-service --mail-component=submission"}, // enableSubmission
+     "enables message submission (obsoleted, use --start-service --mail-component=submission",
+     enableSubmission},
     {"-b, --disable-message-submission",
      "",
-     "disables message submission (obsoleted, use --stop-service --mail-component=submission)"}, // disableSubmission
+     "disables message submission (obsoleted, use --stop-service --mail-component=submission)",
+     disableSubmission},
     {"--help-commands",
      "",
      "displays mailtend commands list and exit",

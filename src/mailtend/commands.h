@@ -111,9 +111,27 @@ int disableHandler(const Args &args);
 int enableHandler(const Args &args);
 int checkHandler(const Args &args);
 
-// ServiceCommands.cpp: the obsolete one-word service commands. Status
-// commands print one status line and always exit 0; the others exit with
-// the status of what they ran.
+// ServiceCommands.cpp: the mail services. The component commands act on
+// the selected "mail-component"s (all when none is given) group by group:
+// the mail server, its listening services in master.cf, the POP3/IMAP
+// servers; a failing group makes the exit status 1 and the next group still
+// runs. A failure to start, stop or restart the mail server is reported as
+// main reports it; other exceptions end the run through main. A change of
+// the listening services is reloaded into a running server. The status
+// command prints "NAME is running|stopped" lines and exits 0.
+int startService(const Args &args);
+int stopService(const Args &args);
+int restartService(const Args &args);
+int reloadService(const Args &args);
+int statusService(const Args &args);
+// The obsolete one-word service commands. Status commands print one status
+// line and always exit 0; the module commands exit 0 and the others with the
+// status of what they ran.
+int startSMTPD(const Args &args);
+int stopSMTPD(const Args &args);
+int restartSMTPD(const Args &args);
+int enableSubmission(const Args &args);
+int disableSubmission(const Args &args);
 int statusMTA(const Args &args);
 int startMTA(const Args &args);
 int stopMTA(const Args &args);
