@@ -19,6 +19,8 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <string>
+#include <vector>
 
 void print_feature(const char *name, const char *value)
 {
@@ -215,6 +217,40 @@ int addWhiteList(const Args &args)
 int removeWhiteList(const Args &args)
 {
     return changeWhiteList(args, SettingsManager::removeWhiteNetwork, false);
+}
+
+int setMailParams(const Args &args)
+{
+    if (args.has("shortnames"))
+        throw NotSupportedError("short account-format is not supported for Postfix");
+    const bool relayClient = args.has("relayclient"), popAuth = args.has("popauth");
+    if (set_courier_params(relayClient, popAuth, args.get<int16_t>("poplock-time"), 0) != 0)
+        return 1;
+    if (relayClient)
+        SettingsManager::setOpenRelay();
+    else
+        SettingsManager::setAuthRelay(popAuth, args.has("smtpauth"));
+    ServiceManager::reloadServer();
+    return 0;
+}
+
+// Each zone becomes a restriction of its own; a single label would be
+// looked up under a top-level domain and refuse at random.
+int setMapsProtection(const Args &args)
+{
+    std::vector<std::string> zones;
+    if (args.has("maps-zones"))
+        for (const std::string &value : args.get<std::vector<std::string>>("maps-zones"))
+            for (const std::string &zone : MainCfManager::splitSimpleList(value)) {
+                std::string problem = zarnet::validate::hostName(zone);
+                if (problem.empty() && zone.find('.') == std::string::npos)
+                    problem = "has a single label";
+                refuseValue(args, "MAPS zone", zone, problem);
+                zones.push_back(zone);
+            }
+    SettingsManager::setRBLHosts(zones);
+    ServiceManager::reloadServer();
+    return 0;
 }
 
 int updateSPF(const Args &args)

@@ -77,6 +77,8 @@ int removeDomainKey(const Args &args);
 // A letter size or relay network that would stop the server taking mail or
 // open it as a relay is an option error (zarnet::validate::letterSize and
 // network; a size needing more room than the queue file system has free).
+// A DNS black-list zone that is not a host name of at least two labels is
+// an option error too.
 int printFeatures(const Args &args);
 int getMaxLetterSize(const Args &args);
 int getMailboxLimit(const Args &args);
@@ -86,6 +88,8 @@ int setMaxLetterSize(const Args &args);
 int setAccountsFormat(const Args &args);
 int addWhiteList(const Args &args);
 int removeWhiteList(const Args &args);
+int setMailParams(const Args &args);
+int setMapsProtection(const Args &args);
 int updateSPF(const Args &args);
 
 // AttachmentCommands.cpp: the attachment files of a mailname.

@@ -252,6 +252,14 @@ void DatabaseHelper::replaceRecordList(const std::string &table, const RecordLis
     rebuild.commit();
 }
 
+// An incremental run with no input creates a missing index and never
+// truncates an existing one, so no check can race with another writer.
+void DatabaseHelper::createTable(const std::string &table)
+{
+    MKLock lock(sourcePath(table));
+    compileOrThrow({"-i", table}, [](std::vector<char> &) { return false; });
+}
+
 void DatabaseHelper::removeRecord(const std::string &table, const std::string &key)
 {
     checkKey(key);

@@ -52,6 +52,8 @@ public:
     // otherwise rewrite a whole table just in case. Throws as a removal does.
     static bool hasRecord(const std::string &table, const std::string &key);
     static void filterRecords(const std::string &table, const RecordFilter &filter);
+    // An empty table unless the table exists; an existing one is left as it is.
+    static void createTable(const std::string &table);
 
     template <class It>
     static void addRecords(const std::string &table, It first, It last)

@@ -74,10 +74,17 @@ void MainCfManager::replaceStringValue(const std::string &name, const std::strin
 // on the same name in this process would wait for itself.
 void MainCfManager::writeValue(const std::string &name, const std::string &value) const
 {
+    writeValues({{name, value}});
+}
+
+void MainCfManager::writeValues(const ParameterValues &values) const
+{
+    std::vector<std::string> args{"-e"};
+    for (const auto &v : values)
+        args.push_back(v.first + "=" + v.second);
     std::string output;
     const process::Receiver collect = process::makeStringReceiver(output);
-    const int status = runPostfixTool(configTool, {"-e", name + "=" + value},
-                                      process::InputSource(), collect, collect);
+    const int status = runPostfixTool(configTool, args, process::InputSource(), collect, collect);
     if (!exitedZero(status))
         throw PostfixConfigurationError(failureText(output, status));
 }
@@ -160,10 +167,27 @@ void MainCfManager::filterStringValues(const std::string &name,
                                        const CompoundListFilter &filter) const
 {
     MKLock lock(mainCf_);
-    std::vector<std::string> pieces = splitCompoundList(getStringValue(name, false));
+    writeValue(name, filteredList(getStringValue(name, false), filter));
+}
+
+std::string MainCfManager::filteredList(const std::string &value, const CompoundListFilter &filter)
+{
+    std::vector<std::string> pieces = splitCompoundList(value);
     filter(pieces);
     pieces.erase(std::remove(pieces.begin(), pieces.end(), std::string()), pieces.end());
-    writeValue(name, joinList(pieces));
+    return joinList(pieces);
+}
+
+void MainCfManager::editValues(const std::vector<std::string> &names,
+                               const std::function<void(ParameterValues &)> &edit) const
+{
+    MKLock lock(mainCf_);
+    ParameterValues values;
+    for (const std::string &name : names)
+        values[name] = getStringValue(name, false);
+    edit(values);
+    if (!values.empty())
+        writeValues(values);
 }
 
 } // namespace postfix

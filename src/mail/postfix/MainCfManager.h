@@ -14,6 +14,7 @@
 #define MAILTEND_MAIL_POSTFIX_MAINCFMANAGER_H
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,8 @@ private:
     std::string value_;
 };
 
+typedef std::map<std::string, std::string> ParameterValues;
+
 class MainCfManager {
 public:
     static constexpr const char *configTool = "/usr/sbin/postconf";
@@ -50,6 +53,12 @@ public:
     void removeListElement(const std::string &name, const std::string &value) const;
     void appendCompoundStringValue(const std::string &name, const std::string &value) const;
     void filterStringValues(const std::string &name, const CompoundListFilter &filter) const;
+    // Several parameters in one step under one lock hold: edit gets the
+    // current values of names and leaves the values to write (it may add
+    // parameters), which one run of the tool writes, so every change lands
+    // or none does, and main.cf is read only before it is written.
+    void editValues(const std::vector<std::string> &names,
+                    const std::function<void(ParameterValues &)> &edit) const;
 
     const std::string &mainCfPath() const { return mainCf_; }
 
@@ -57,11 +66,14 @@ public:
     static std::vector<std::string> splitSimpleList(const std::string &value);
     static std::vector<std::string> splitCompoundList(const std::string &value);
     static std::string joinList(const std::vector<std::string> &elements);
+    // A compound list as filterStringValues writes it back.
+    static std::string filteredList(const std::string &value, const CompoundListFilter &filter);
 
 private:
     MainCfManager();
     MainCfManager(const MainCfManager &) = delete;
     void writeValue(const std::string &name, const std::string &value) const;
+    void writeValues(const ParameterValues &values) const;
     MainCfManager &operator=(const MainCfManager &) = delete;
 
     std::string mainCf_;

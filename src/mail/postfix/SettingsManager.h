@@ -1,12 +1,25 @@
 // Server-wide mail settings that span several configuration places.
 //
 // The sender-domain black list, kept as records of the "blacklists" lookup
-// table, and the relay white list, the networks of the main.cf parameter
-// "mynetworks". Failures are those of the table and main.cf layers.
+// table; the relay white list, the networks of the main.cf parameter
+// "mynetworks"; the relay mode and SMTP authentication; the DNS black-list
+// zones. Failures are those of the table and main.cf layers, and
+// SystemError when the refused-clients table cannot be created.
+//
+// The relay setters own "smtpd_relay_restrictions" (always emptied) and the
+// relay block of "smtpd_recipient_restrictions" (RestrictionFilters.h) and
+// write them, the SASL switch and "mynetworks" in one main.cf change.
+// Before the block names them they create what is missing, never replacing
+// what exists: the refused-clients table relayRefusedTable, an empty file
+// owned by root:root with mode 0644, and, when POP-before-SMTP is switched
+// on, the empty indexed table tables::poplock.
 #ifndef MAILTEND_MAIL_POSTFIX_SETTINGSMANAGER_H
 #define MAILTEND_MAIL_POSTFIX_SETTINGSMANAGER_H
 
+#include <boost/logic/tribool.hpp>
+
 #include <string>
+#include <vector>
 
 namespace zarnet {
 namespace mail {
@@ -31,6 +44,20 @@ public:
     // network is never removed: local programs submit mail through it.
     static void addWhiteNetwork(const std::string &address, unsigned prefix);
     static void removeWhiteNetwork(const std::string &address, unsigned prefix);
+
+    // Every client may relay.
+    static void setOpenRelay();
+    // Only mynetworks may relay; SMTP authentication no longer lets anyone.
+    static void setClosedRelay();
+    // Only mynetworks and, as switched here, clients on the POP-before-SMTP
+    // list (popAuth: the table in mynetworks) and authenticated clients
+    // (smtpAuth: permit_sasl_authenticated and "smtpd_sasl_auth_enable").
+    // Indeterminate leaves that part as it is.
+    static void setAuthRelay(boost::logic::tribool popAuth, boost::logic::tribool smtpAuth);
+
+    // zones: ASCII domain names, checked by the caller; empty switches the
+    // DNS black lists off.
+    static void setRBLHosts(const std::vector<std::string> &zones);
 };
 
 } // namespace postfix
