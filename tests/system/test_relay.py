@@ -3,7 +3,7 @@
 import pytest
 
 from panel_db import PanelDB
-from sandbox import COURIER, MAIN_CF, POSTFIX_LOG, TABLE_DIR, wait_for
+from sandbox import COURIER, MAIN_CF, POSTFIX_INIT, POSTFIX_LOG, TABLE_DIR, wait_for
 
 POPLOCK, NO_RELAY = f"hash:{TABLE_DIR}/poplock", f"{TABLE_DIR}/no_relay.re"
 CONFIGS = [MAIN_CF] + [f"/etc/courier/{n}" for n in ("imapd", "imapd-ssl", "pop3d", "pop3d-ssl")]
@@ -75,6 +75,14 @@ def test_relay_modes(host):
     before = [host.read(path) for path in CONFIGS]
     r = host.mailtend("--set-mail-params", "--relayclient", "--shortnames")
     assert (r.rc, [host.read(path) for path in CONFIGS]) == (1, before), r
+
+    # POP3/IMAP servers that fail to restart: no relay change, no reload
+    for name in COURIER:
+        host.record(name, exit_code=1)
+    host.record(POSTFIX_INIT)
+    r = host.mailtend("--set-mail-params", "--smtpauth")
+    assert (r.rc, host.read(MAIN_CF), host.calls(POSTFIX_INIT)) == (1, before[0], []), r
+    host.restore(POSTFIX_INIT)
 
 
 def test_maps_zones(host):
