@@ -44,7 +44,7 @@ bool valueOf(const std::string &line, const std::string &key, const SettingsSynt
         return false;
     }
     const std::string::size_type first = line.find_first_not_of(blanks, at);
-    const std::string::size_type last = line.find_last_not_of(" \t\r");
+    const std::string::size_type last = line.find_last_not_of(" \t\r\n");
     *value = first == std::string::npos || last < first ? std::string()
                                                         : line.substr(first, last - first + 1);
     return true;
