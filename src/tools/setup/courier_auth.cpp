@@ -29,7 +29,9 @@ void reportLines(const std::string &place, const std::vector<std::string> &lines
 
 void setUpSasl()
 {
-    if (::mkdir(saslDirectory, 0755) != 0 && errno != EEXIST)
+    if (::mkdir(saslDirectory, 0755) == 0)
+        report("directory", std::string("created ") + saslDirectory);
+    else if (errno != EEXIST)
         throwSystemError(std::string("mkdir ") + saslDirectory);
     const std::string conf = std::string(saslDirectory) + "/smtpd.conf";
     reportLines(conf, editSettingsFile(conf, colonSyntax,

@@ -13,6 +13,7 @@
 //     table: created hash:/var/spool/postfix/zarnet/virtual
 //     database: created /var/spool/postfix/zarnet/passwd.db
 //     /etc/courier/authdaemonrc: authmodulelist="authsqlite"
+//     /etc/courier/authdaemonrc: authmodulelist (repeated setting removed)
 //     master.cf: added zarnet unix pipe
 //     master.cf: smtp inet chroot = n
 //     main.cf: virtual_transport = zarnet
