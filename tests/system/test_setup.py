@@ -3,16 +3,18 @@ the operator's settings kept, main.cf left alone by a failed step, and a server 
 mail for a mailbox and lets its owner in over SMTP authentication, POP3 and IMAP."""
 
 from mailflow import mail_logins, stock_server
-from sandbox import AUTH_DB, AUTHDAEMON_LOG, AUTHDAEMON_SOCKET, AUTHDAEMOND, MAIN_CF, TABLE_DIR
-from sandbox import wait_for
 from panel_db import PanelDB
+from sandbox import (AUTH_DB, AUTHDAEMON_LOG, AUTHDAEMON_SOCKET, AUTHDAEMOND, MAIN_CF, TABLE_DIR,
+                     wait_for)
 
 SETUP = "/usr/local/zrn/admin/sbin/mailtend-setup"
-DAEMONRC, SQLITERC, SASL = "/etc/courier/authdaemonrc", "/etc/courier/authsqliterc", "/etc/postfix/sasl/smtpd.conf"
+DAEMONRC, SQLITERC = "/etc/courier/authdaemonrc", "/etc/courier/authsqliterc"
+SASL = "/etc/postfix/sasl/smtpd.conf"
 INFO = "--mailname=info"
 TABLES = ("virtual_domains", "virtual", "vmailbox", "aliases", "blacklists", "poplock")
-TRANSPORT = ("zarnet    unix  -       n       n       -       -       pipe\n  flags=DROh user=popuser"
-             " null_sender= argv=/usr/lib/zarnet-9.0/mailtend-deliver ${sender} ${recipient}\n")
+TRANSPORT = ("zarnet    unix  -       n       n       -       -       pipe\n"
+             "  flags=DROh user=popuser null_sender= argv=/usr/lib/zarnet-9.0/mailtend-deliver"
+             " ${sender} ${recipient}\n")
 SELECT = ("SELECT u.name || '@' || d.name, u.cmusaslsecretPLAIN, u.userPassword, {uid}, {gid},"
           " '/var/qmail/mailnames/' || d.name || '/' || u.name, 'Maildir', '', '', '' FROM users AS"
           " u, domains AS d WHERE u.dom_id = d.id AND u.name = '$(local_part)' AND d.name ="
@@ -28,16 +30,21 @@ EXPECTED = "\n".join([
     "account: added postfix to group courier", f'{DAEMONRC}: authmodulelist="authsqlite"',
     f"{SQLITERC}: SQLITE_DATABASE\t{AUTH_DB}", f"{SQLITERC}: SQLITE_USER_TABLE\tusers",
     f"{SQLITERC}: SQLITE_CRYPT_PWFIELD\tcmusaslsecretPLAIN",
-    f"{SQLITERC}: SQLITE_CLEAR_PWFIELD\tuserPassword", f"{SQLITERC}: SQLITE_SELECT_CLAUSE\t{SELECT}",
+    f"{SQLITERC}: SQLITE_CLEAR_PWFIELD\tuserPassword",
+    f"{SQLITERC}: SQLITE_SELECT_CLAUSE\t{SELECT}",
     "master.cf: added zarnet unix pipe", "master.cf: smtp inet chroot = n",
     f"main.cf: alias_maps = hash:/etc/aliases, hash:{TABLE_DIR}/aliases",
     "main.cf: cyrus_sasl_config_path = /etc/postfix/sasl",
-    f"main.cf: smtpd_sender_restrictions = reject_non_fqdn_sender, check_sender_access hash:{TABLE_DIR}/blacklists",
-    f"main.cf: virtual_alias_maps = hash:{TABLE_DIR}/virtual", "main.cf: virtual_gid_maps = static:{gid}",
+    "main.cf: smtpd_sender_restrictions = reject_non_fqdn_sender, check_sender_access "
+    f"hash:{TABLE_DIR}/blacklists",
+    f"main.cf: virtual_alias_maps = hash:{TABLE_DIR}/virtual",
+    "main.cf: virtual_gid_maps = static:{gid}",
     "main.cf: virtual_mailbox_base = /var/qmail/mailnames",
     f"main.cf: virtual_mailbox_domains = hash:{TABLE_DIR}/virtual_domains",
-    f"main.cf: virtual_mailbox_maps = hash:{TABLE_DIR}/vmailbox", "main.cf: virtual_transport = zarnet",
-    "main.cf: virtual_uid_maps = static:{uid}", "main.cf: zarnet_destination_recipient_limit = 1", ""])
+    f"main.cf: virtual_mailbox_maps = hash:{TABLE_DIR}/vmailbox",
+    "main.cf: virtual_transport = zarnet",
+    "main.cf: virtual_uid_maps = static:{uid}", "main.cf: zarnet_destination_recipient_limit = 1",
+    ""])
 # what a run may touch, with owner and mode
 WATCHED = [MAIN_CF, "/etc/postfix/master.cf", SASL, DAEMONRC, SQLITERC, "/etc/zrn/zrn.conf",
            "/etc/passwd", "/etc/group", AUTH_DB, f"{TABLE_DIR}/no_relay.re",
@@ -45,7 +52,8 @@ WATCHED = [MAIN_CF, "/etc/postfix/master.cf", SASL, DAEMONRC, SQLITERC, "/etc/zr
 
 
 def snapshot(sb):
-    return {p: (sb.read(p), sb.stat(p).st_mode, sb.stat(p).st_uid, sb.stat(p).st_gid) for p in WATCHED}
+    return {p: (sb.read(p), *(getattr(sb.stat(p), a) for a in ("st_mode", "st_uid", "st_gid")))
+            for p in WATCHED}
 
 
 def test_setup_makes_a_stock_server_serve(sandbox, panel_template):
@@ -53,7 +61,8 @@ def test_setup_makes_a_stock_server_serve(sandbox, panel_template):
     stock_server(sb)
     # the operator's own settings
     sb.postconf_e("maillog_file = /var/log/postfix.log", "inet_protocols = ipv4",
-                  "smtpd_sender_restrictions = reject_non_fqdn_sender", "message_size_limit = 2048000")
+                  "smtpd_sender_restrictions = reject_non_fqdn_sender",
+                  "message_size_limit = 2048000")
     stock_rc, rc_stat = sb.read_text(DAEMONRC), sb.stat(DAEMONRC)
     sb.write(DAEMONRC, stock_rc.replace("daemons=5", "daemons=3"), mode=0o640, gid=rc_stat.st_gid)
 
@@ -68,20 +77,23 @@ def test_setup_makes_a_stock_server_serve(sandbox, panel_template):
     assert snapshot(sb) == before
 
     master = sb.read_text("/etc/postfix/master.cf")
-    assert (master.count(TRANSPORT), master.count("\nsmtp      inet  n       -       n       -       -       smtpd\n")) == (1, 1)
+    smtpd = "\nsmtp      inet  n       -       n       -       -       smtpd\n"
+    assert (master.count(TRANSPORT), master.count(smtpd)) == (1, 1)
     assert sb.read_text(SASL) == ("pwcheck_method: authdaemond\nauthdaemond_path: "
                                   "/run/courier/authdaemon/socket\nmech_list: PLAIN LOGIN\n")
-    expected_rc = stock_rc.replace("daemons=5", "daemons=3").replace('authmodulelist="authpam"',
-                                                                     'authmodulelist="authsqlite"')
+    expected_rc = stock_rc.replace("daemons=5", "daemons=3").replace(
+        'authmodulelist="authpam"', 'authmodulelist="authsqlite"')
     st = sb.stat(DAEMONRC)
-    assert (sb.read_text(DAEMONRC), st.st_mode, st.st_gid) == (expected_rc, 0o100640, rc_stat.st_gid)
+    assert ((sb.read_text(DAEMONRC), st.st_mode, st.st_gid)
+            == (expected_rc, 0o100640, rc_stat.st_gid))
     assert sb.postconf_h("message_size_limit") == "2048000"
 
     # the delivery agent is another program's: Postfix's own stands in for it here
     sb.postconf_e("virtual_transport = virtual", "smtpd_sasl_auth_enable = yes")
     main_cf = sb.read(MAIN_CF)
     sb.fail_call("/usr/sbin/postconf", 1)
-    sb.run([SETUP]).expect(1, "", "mailtend-setup: master.cf: postconf: fatal: injected failure\n")
+    sb.run([SETUP]).expect(1, "", "mailtend-setup: master.cf: postconf: fatal: "
+                                  "injected failure\n")
     sb.restore("/usr/sbin/postconf")
     assert sb.read(MAIN_CF) == main_cf
 
@@ -89,7 +101,8 @@ def test_setup_makes_a_stock_server_serve(sandbox, panel_template):
     with PanelDB(sb, panel_template).start() as db:
         db.add_mail_domain("example.com", ())
         for args in (["--add-domain"], ["--add-mailname", INFO], ["--add-mailbox", INFO]):
-            sb.mailtend(*args, "--domain-name=example.com", env={"ZRN_PASSWORD": "s3cret"}).expect()
+            sb.mailtend(*args, "--domain-name=example.com",
+                        env={"ZRN_PASSWORD": "s3cret"}).expect()
     sb.spawn([AUTHDAEMOND], log=AUTHDAEMON_LOG)
     assert wait_for(lambda: sb.exists(AUTHDAEMON_SOCKET)), sb.read_text(AUTHDAEMON_LOG)
     for script in ("/etc/init.d/courier-imap", "/etc/init.d/courier-pop"):
