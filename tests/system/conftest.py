@@ -72,6 +72,8 @@ def sandbox_template(sandbox_base, mailtend_bin):
     sb = Sandbox.create(sandbox_base / "template", mailtend_bin)
     sb.install_dbinit(built("MAILTEND_DBINIT_BIN", "mailauth-dbinit"))
     sb.install(built("MAILTEND_BOUNCE_BIN", "bouncemessage"), BOUNCE_PATH)
+    sb.install(built("MAILTEND_SETUP_BIN", "mailtend-setup"),
+               "/usr/local/zrn/admin/sbin/mailtend-setup")
     sb.stop()
     return sb
 

@@ -79,14 +79,14 @@ typedef SmtpdRecipientRestrictionsFilter RecipientFilter;
 
 // O_EXCL: an existing table (or anything in its place) is the operator's
 // and stays; a link planted there is not followed.
-void createRefusedClientsTable()
+bool createRefusedClientsTable()
 {
     const std::string failed = std::string("unable to create ") + relayRefusedTable;
     process::FdOwner fd(::open(relayRefusedTable, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW |
                                                       O_CLOEXEC, 0644));
     if (!fd.valid()) {
         if (errno == EEXIST)
-            return;
+            return false;
         throwSystemError(failed, errno);
     }
     if (::fchown(fd.get(), 0, 0) != 0 || ::fchmod(fd.get(), 0644) != 0 ||
@@ -96,6 +96,7 @@ void createRefusedClientsTable()
         throwSystemError(failed, saved);
     }
     fd.close(failed.c_str());
+    return true;
 }
 
 const char recipientParameter[] = "smtpd_recipient_restrictions";
@@ -155,6 +156,11 @@ void SettingsManager::setAuthRelay(boost::logic::tribool popAuth, boost::logic::
 void SettingsManager::setRBLHosts(const std::vector<std::string> &zones)
 {
     MainCfManager::getInstance().filterStringValues("smtpd_client_restrictions", SetRBLFilter(zones));
+}
+
+bool SettingsManager::ensureRefusedClientsTable()
+{
+    return createRefusedClientsTable();
 }
 
 } // namespace postfix

@@ -58,6 +58,9 @@ public:
     // zones: ASCII domain names, checked by the caller; empty switches the
     // DNS black lists off.
     static void setRBLHosts(const std::vector<std::string> &zones);
+
+    // The refused-clients table when missing; true when it was created.
+    static bool ensureRefusedClientsTable();
 };
 
 } // namespace postfix
