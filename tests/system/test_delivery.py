@@ -14,7 +14,8 @@ HOME = f"{MAILNAMES}/{D}"
 SENDER = "root@localhost"
 MASTER = ("zarnet    unix  -       n       n       -       -       pipe\n  flags=DROh user=popuser "
           f"null_sender= argv={DELIVER_PATH} ${{sender}} ${{recipient}}\n")
-RECORDER = "#!/bin/sh\n{ echo \"$HANDLER_NAME $RECIPIENT\"; env; grep '^Subject:'; } >> /tmp/%s\nexit %d\n"
+RECORDER = ("#!/bin/sh\n{ echo \"$HANDLER_NAME $RECIPIENT\"; env; grep '^Subject:'; } >> /tmp/%s\n"
+            "echo \"$HANDLER_NAME $RECIPIENT\" >> /tmp/order\nexit %d\n")
 # recipient: (dsn, status, text in the log), messages in its own Maildir afterwards
 CASES = {
     "info": ("2.0.0", "sent", "delivered via zarnet service", 1),
@@ -120,7 +121,10 @@ def test_handlers_run_in_order_once_with_their_context_and_nothing_else(mail):
                 f"HOST={D}", "HANDLER_HOOK=before-local", "HANDLER_CONTEXT=ctx rec",
                 f"HANDLER_NAME={name}"]), 1)
     assert name.startswith("10-rec-") and not mail.exists("/tmp/off")
-    # the priority 5 domain handler saw every message that reached the handlers, and went first
+    # priorities compare as numbers: 5 before 10
+    assert re.findall(rf"^\d+-(\w+)-\S+ info@{D}$", mail.read_text("/tmp/order"), re.M) == [
+        "dom", "rec"]
+    # the domain's handler saw every message that reached the handlers
     ran = sorted(re.findall(rf"^5-dom-\S+ (\w+)@{D}$", mail.read_text("/tmp/dom"), re.M))
     assert ran == sorted(["info", "boss", "fwd", "boss", "full", "refused", "dropped", "auto",
                           "auto"])
