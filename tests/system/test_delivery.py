@@ -5,12 +5,14 @@ import re
 
 import pytest
 
-from conftest import DELIVER_PATH
+from conftest import DELIVER_PATH, built
 from panel_db import PanelDB
 from sandbox import MAILNAMES, POSTFIX_LOG, wait_for
 
 D = "example.com"
 HOME = f"{MAILNAMES}/{D}"
+ROOT = "/usr/local/zrn/handlers"
+AUTORESPONDER = ROOT + "/hooks/autoresponder"  # not in the template: tests read the store as text
 SENDER = "root@localhost"
 MASTER = ("zarnet    unix  -       n       n       -       -       pipe\n  flags=DROh user=popuser "
           f"null_sender= argv={DELIVER_PATH} ${{sender}} ${{recipient}}\n")
@@ -44,6 +46,7 @@ def mail(module_sandbox, panel_template):
     """Postfix delivering example.com through the agent; every case's mailbox set up; one message
     sent to each (two to auto), all settled."""
     sb = module_sandbox
+    sb.install(built("MAILTEND_AUTORESPONDER_BIN", "autoresponder"), AUTORESPONDER)
     with PanelDB(sb, panel_template).start() as db:
         dom = db.insert("domains", name=D)
         for name in CASES:
@@ -71,6 +74,9 @@ def mail(module_sandbox, panel_template):
     handler(sb, "off", "/usr/local/bin/off", "recipient", f"info@{D}", 0)
     sb.mailtend("--disable-handler", "--handler-name=off", "--handler-type=recipient",
                 f"--handler-type-name=info@{D}", "--hook=before-local").expect()
+    handler(sb, "broken", "/usr/local/bin/broken", "recipient", f"info@{D}", 0)
+    broken, = (n for n in sb.listdir(f"{ROOT}/info") if "-broken-" in n)
+    sb.remove(f"{ROOT}/info/{broken}/context")
     handler(sb, "refuse", "/usr/local/bin/refuse", "recipient", f"refused@{D}", 100)
     handler(sb, "drop", "/usr/local/bin/drop", "recipient", f"dropped@{D}", 99)
     sb.write("/usr/local/bin/refuse", "#!/bin/sh\necho go away\nexit 100\n", mode=0o755)
@@ -120,7 +126,9 @@ def test_handlers_run_in_order_once_with_their_context_and_nothing_else(mail):
         sorted(["PATH=/usr/bin:/bin", f"SENDER={SENDER}", f"RECIPIENT=info@{D}", "LOCAL=info",
                 f"HOST={D}", "HANDLER_HOOK=before-local", "HANDLER_CONTEXT=ctx rec",
                 f"HANDLER_NAME={name}"]), 1)
-    assert name.startswith("10-rec-") and not mail.exists("/tmp/off")
+    # the disabled one and the one without a context never ran
+    assert name.startswith("10-rec-") and not any(mail.exists(f"/tmp/{h}")
+                                                  for h in ("off", "broken"))
     # priorities compare as numbers: 5 before 10
     assert re.findall(rf"^\d+-(\w+)-\S+ info@{D}$", mail.read_text("/tmp/order"), re.M) == [
         "dom", "rec"]

@@ -16,12 +16,12 @@
 #include "tools/autoresponder/sent_list.h"
 #include "utils/ProcessPipe.h"
 #include "utils/fd_io.h"
+#include "utils/mail_validate.h"
 #include "utils/read_configuration.h"
 
 #include <fcntl.h>
-#include <unistd.h>
-
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -133,6 +133,9 @@ void send(const std::string &sender, const std::string &reply)
 void answer()
 {
     const std::string sender = environment("SENDER"), recipient = environment("RECIPIENT");
+    // The reply's From: comes from here: nothing but a plain address.
+    if (!zarnet::validate::mailAddress(recipient).empty())
+        throw std::runtime_error("bad RECIPIENT in the environment");
     const Headers headers = parseHeaders(readHeaderBlock(STDIN_FILENO));
     if (!replyOwed(headers, sender, recipient))
         return;

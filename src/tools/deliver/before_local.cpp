@@ -109,9 +109,10 @@ Verdict runBeforeLocal(const std::string &sender, const Recipient &recipient, Sp
         else
             skip(n, "malformed name");
     }
-    std::stable_sort(runnable.begin(), runnable.end(), [](const std::string &a, const std::string &b) {
-        return handlers_compare(a.c_str(), b.c_str()) < 0;
-    });
+    std::stable_sort(runnable.begin(), runnable.end(),
+                     [](const std::string &a, const std::string &b) {
+                         return handlers_compare(a.c_str(), b.c_str()) < 0;
+                     });
 
     for (const std::string &name : runnable) {
         const std::string info = root + "/info/" + name;
