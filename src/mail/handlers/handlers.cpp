@@ -669,6 +669,11 @@ void handlers_sort(char **names, std::size_t count)
                      [](const char *a, const char *b) { return handlers_compare(a, b) < 0; });
 }
 
+const char *handlers_root()
+{
+    return g_root.c_str();
+}
+
 void handlers_set_paths_for_testing(const char *root, const char *refresh_program)
 {
     g_root = root != nullptr ? root : installed_root;

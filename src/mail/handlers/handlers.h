@@ -103,6 +103,9 @@ private:
     bool held_ = false;
 };
 
+// The handler root every reader of the store shares.
+const char *handlers_root();
+
 // Test hooks: another handler root and refresh program (null restores the
 // installed ones). Production code never calls them.
 void handlers_set_paths_for_testing(const char *root, const char *refresh_program);

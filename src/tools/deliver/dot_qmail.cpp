@@ -1,0 +1,183 @@
+#include "tools/deliver/dot_qmail.h"
+
+#include "tools/deliver/maildir.h"
+#include "tools/deliver/outcome.h"
+#include "tools/deliver/run_program.h"
+#include "utils/fd_io.h"
+#include "utils/liblog.h"
+#include "utils/mail_validate.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace deliver {
+
+namespace {
+
+const std::size_t max_dot_qmail = 65536;
+
+std::string readFile(const std::string &path)
+{
+    const int fd = fd_io::open_regular(path.c_str(), O_RDONLY | O_NONBLOCK);
+    if (fd < 0) {
+        if (errno == ENOENT || errno == ENOTDIR)
+            throw noSuchUser("Mailbox does not exist");
+        throw temporary(path + " not opened: " +
+                        (errno == ELOOP ? "it is a symbolic link" : fd_io::open_error_text(errno)));
+    }
+    std::string text;
+    char buffer[8192];
+    ssize_t n;
+    while ((n = fd_io::read_retry(fd, buffer, sizeof buffer)) > 0 && text.size() <= max_dot_qmail)
+        text.append(buffer, static_cast<size_t>(n));
+    const int saved = errno;
+    fd_io::close_quietly(fd);
+    if (n < 0)
+        throw temporary(path + " not read: " + std::strerror(saved));
+    if (text.size() > max_dot_qmail)
+        throw temporary(path + " is too long");
+    return text;
+}
+
+std::vector<std::string> baseEnvironment(const std::string &sender, const Recipient &r)
+{
+    return {safePath, "HOME=" + r.home, "SENDER=" + sender, "RECIPIENT=" + r.address,
+            "LOCAL=" + r.mailname, "HOST=" + r.domain};
+}
+
+std::string findProgram(const std::string &word)
+{
+    if (word.find('/') != std::string::npos)
+        return word;
+    for (const char *dir : {"/usr/bin/", "/bin/"})
+        if (::access((dir + word).c_str(), X_OK) == 0)
+            return dir + word;
+    throw temporary(".qmail program " + word + " not found");
+}
+
+ProgramResult runLine(const QmailLine &line, const std::string &sender, const Recipient &r,
+                      Spool &message)
+{
+    ProgramRun run;
+    run.path = findProgram(line.words[0]);
+    run.args.assign(line.words.begin() + 1, line.words.end());
+    run.env = baseEnvironment(sender, r);
+    run.cwd = r.home;
+    run.input = message.rewound();
+    return runProgram(run);
+}
+
+void quotaDelivery(const QmailLine &line, const std::string &sender, const Recipient &r,
+                   Spool &message)
+{
+    const ProgramResult result = runLine(line, sender, r, message);
+    if (result.exitCode == 0)
+        return;
+    if (result.exitCode == 77)
+        throw Failure(EX_UNAVAILABLE, "5.2.2 Mailbox is full");
+    throw temporary("Maildir delivery failed" +
+                    (result.firstLine.empty() ? std::string() : ": " + result.firstLine));
+}
+
+void forward(const std::vector<std::string> &addresses, const std::string &sender,
+             bool stored, const Recipient &r, Spool &message)
+{
+    ProgramRun run;
+    run.path = sendmail_path;
+    // An empty -f argument is the null sender, so a forwarded notice is not
+    // answered either.
+    run.args = {"-i", "-f", sender, "--"};
+    run.args.insert(run.args.end(), addresses.begin(), addresses.end());
+    run.env = {safePath};
+    run.cwd = "/";
+    run.input = message.rewound();
+    const ProgramResult result = runProgram(run);
+    if (!result.timedOut && !result.signalled && result.exitCode == 0)
+        return;
+    const std::string why = "forwarding mail for " + r.address + " failed" +
+                            (result.firstLine.empty() ? std::string() : ": " + result.firstLine);
+    if (!stored)
+        throw temporary(why);
+    zarnet_log(3, "%s (the message was stored in the mailbox)", why.c_str());
+}
+
+} // namespace
+
+std::vector<QmailLine> readDotQmail(const Recipient &recipient)
+{
+    const std::string path = recipient.home + "/.qmail";
+    const std::string text = readFile(path);
+    std::vector<QmailLine> lines;
+    bool delivers = false;
+    std::string::size_type start = 0;
+    while (start < text.size()) {
+        std::string::size_type end = text.find('\n', start);
+        if (end == std::string::npos)
+            end = text.size();
+        const std::string raw = text.substr(start, end - start);
+        start = end + 1;
+        QmailLine line = classifyQmailLine(raw);
+        switch (line.kind) {
+        case QmailLine::Ignore:
+            continue;
+        case QmailLine::Unrunnable:
+            note("mailtend-deliver: " + path + ": not run, the line needs a shell: " + raw);
+            throw temporary(path + " holds a line that needs a shell");
+        case QmailLine::Unsupported:
+            throw temporary(path + " holds an unsupported line");
+        case QmailLine::Forward: {
+            std::string bad;
+            try {
+                bad = zarnet::validate::mailAddress(line.target);
+            } catch (const std::exception &e) {
+                bad = e.what();
+            }
+            if (!bad.empty())
+                throw temporary(path + " forwards to a bad address");
+            delivers = true;
+            break;
+        }
+        case QmailLine::QuotaMaildir:
+        case QmailLine::Maildir:
+            delivers = true;
+            break;
+        case QmailLine::Program:
+            break;
+        }
+        lines.push_back(line);
+    }
+    if (!delivers)
+        throw noSuchUser("Mailbox is disabled");
+    return lines;
+}
+
+void carryOut(const std::vector<QmailLine> &lines, const std::string &sender,
+              const Recipient &recipient, Spool &message)
+{
+    std::vector<std::string> forwards;
+    bool stored = false;
+    for (const QmailLine &line : lines) {
+        if (line.kind == QmailLine::Forward) {
+            forwards.push_back(line.target);
+        } else if (line.kind == QmailLine::QuotaMaildir) {
+            quotaDelivery(line, sender, recipient, message);
+            stored = true;
+        } else if (line.kind == QmailLine::Maildir) {
+            const std::string dir =
+                line.target[0] == '/' ? line.target : recipient.home + "/" + line.target;
+            deliverToMaildir(dir, message.rewound(), message.size());
+            stored = true;
+        } else if (judgeProgram(runLine(line, sender, recipient, message),
+                                ".qmail program " + line.words[0]) == Verdict::Stop) {
+            break;
+        }
+    }
+    if (!forwards.empty())
+        forward(forwards, sender, stored, recipient, message);
+}
+
+} // namespace deliver

@@ -1,0 +1,147 @@
+"""Local delivery through the pipe transport: real Postfix, the delivery agent, its handlers,
+deliverquota and the autoresponder, with mailboxes made by mailtend itself."""
+
+import re
+
+import pytest
+
+from conftest import DELIVER_PATH, built
+from panel_db import PanelDB
+from sandbox import MAILNAMES, POSTFIX_LOG, wait_for
+
+D = "example.com"
+HOME = f"{MAILNAMES}/{D}"
+ROOT = "/usr/local/zrn/handlers"
+AUTORESPONDER = ROOT + "/hooks/autoresponder"  # not in the template: tests read the store as text
+SENDER = "root@localhost"
+MASTER = ("zarnet    unix  -       n       n       -       -       pipe\n  flags=DROh user=popuser "
+          f"null_sender= argv={DELIVER_PATH} ${{sender}} ${{recipient}}\n")
+RECORDER = ("#!/bin/sh\n{ echo \"$HANDLER_NAME $RECIPIENT\"; env; grep '^Subject:'; } >> /tmp/%s\n"
+            "echo \"$HANDLER_NAME $RECIPIENT\" >> /tmp/order\nexit %d\n")
+# recipient: (dsn, status, text in the log), messages in its own Maildir afterwards
+CASES = {
+    "info": ("2.0.0", "sent", "delivered via zarnet service", 1),
+    "boss": ("2.0.0", "sent", "delivered via zarnet service", 2),  # its own and fwd's
+    "fwd": ("2.0.0", "sent", "delivered via zarnet service", 1),
+    "full": ("5.2.2", "bounced", "Mailbox is full", 0),
+    "off": ("5.1.1", "bounced", "Mailbox is disabled", 0),
+    "gone": ("5.1.1", "bounced", "Mailbox does not exist", 0),
+    "link": ("4.3.0", "deferred", "it is a symbolic link", 0),
+    "shell": ("4.3.0", "deferred", "holds a line that needs a shell", 0),
+    "refused": ("5.7.1", "bounced", "go away", 0),
+    "dropped": ("2.0.0", "sent", "delivered via zarnet service", 0),
+    "auto": ("2.0.0", "sent", "delivered via zarnet service", 2),
+}
+
+
+def handler(sb, name, exe, type_name, value, exit_code, priority="10"):
+    sb.write(exe, RECORDER % (name, exit_code), mode=0o755)
+    sb.mailtend("--add-handler", f"--handler-name={name}", f"--handler-type={type_name}",
+                f"--handler-type-name={value}", f"--executable={exe}", f"--context=ctx {name}",
+                "--hook=before-local", f"--priority={priority}").expect()
+
+
+@pytest.fixture(scope="module")
+def mail(module_sandbox, panel_template):
+    """Postfix delivering example.com through the agent; every case's mailbox set up; one message
+    sent to each (two to auto), all settled."""
+    sb = module_sandbox
+    sb.install(built("MAILTEND_AUTORESPONDER_BIN", "autoresponder"), AUTORESPONDER)
+    with PanelDB(sb, panel_template).start() as db:
+        dom = db.insert("domains", name=D)
+        for name in CASES:
+            db.insert("mail", dom_id=dom, mail_name=name)
+        sb.init_auth_db()
+        sb.mailtend("--add-domain", f"--domain-name={D}").expect()
+        for name in CASES:
+            args = [f"--domain-name={D}", f"--mailname={name}"]
+            sb.mailtend("--add-mailname", *args).expect()
+            sb.mailtend("--add-mailbox", *args, env={"ZRN_PASSWORD": "pw"}).expect()
+        sb.mailtend("--remove-mailbox", f"--domain-name={D}", "--mailname=off").expect()
+        sb.mailtend("--set-mailbox-disk-quota", f"--domain-name={D}", "--mailname=full",
+                    "--disk-quota=1").expect(out=None, err=None)
+        sb.mailtend("--add-redirect", f"--domain-name={D}", "--mailname=fwd",
+                    f"--redirect-email=boss@{D}").expect()
+        sb.mailtend("--set-autoresponder", "--mailname=auto", f"--domain-name={D}").expect()
+    sb.write(f"{HOME}/auto/.autoresponder", "Away until Monday.\n", uid=30110, gid=30110)
+    sb.remove(f"{HOME}/gone/.qmail")
+    sb.remove(f"{HOME}/link/.qmail")
+    sb.run(["ln", "-s", f"{HOME}/boss/.qmail", f"{HOME}/link/.qmail"]).check()
+    sb.write(f"{HOME}/shell/.qmail", "./Maildir/\n| echo hi > /tmp/pwned\n", mode=0o600,
+             uid=30110, gid=30110)
+    handler(sb, "dom", "/usr/local/bin/dom", "recipient-domain", D, 0, priority="5")
+    handler(sb, "rec", "/usr/local/bin/rec", "recipient", f"Info@{D}", 0)
+    handler(sb, "off", "/usr/local/bin/off", "recipient", f"info@{D}", 0)
+    sb.mailtend("--disable-handler", "--handler-name=off", "--handler-type=recipient",
+                f"--handler-type-name=info@{D}", "--hook=before-local").expect()
+    handler(sb, "broken", "/usr/local/bin/broken", "recipient", f"info@{D}", 0)
+    broken, = (n for n in sb.listdir(f"{ROOT}/info") if "-broken-" in n)
+    sb.remove(f"{ROOT}/info/{broken}/context")
+    handler(sb, "refuse", "/usr/local/bin/refuse", "recipient", f"refused@{D}", 100)
+    handler(sb, "drop", "/usr/local/bin/drop", "recipient", f"dropped@{D}", 99)
+    sb.write("/usr/local/bin/refuse", "#!/bin/sh\necho go away\nexit 100\n", mode=0o755)
+
+    sb.run(["postconf", "-e", "virtual_transport = zarnet",
+            "zarnet_destination_recipient_limit = 1"]).check()
+    sb.write("/etc/postfix/master.cf", sb.read_text("/etc/postfix/master.cf") + MASTER)
+    sb.start_postfix()
+    for name in [*CASES, "auto"]:
+        sb.run(["sendmail", "-f", SENDER, f"{name}@{D}"], stdin=(
+            f"From: {SENDER}\nTo: {name}@{D}\nSubject: for {name}\n"
+            f"Message-ID: <{name}.1@localhost>\n\nhello {name}\n")).check()
+    # every recipient settled, auto and the forward's copy to boss twice; the four notices and
+    # the reply delivered to root
+    assert wait_for(lambda: len([o for o in outcomes(sb) if o[0].endswith(D)]) == len(CASES) + 2
+                    and len([o for o in outcomes(sb) if o[0] == SENDER]) == 5, 60), \
+        sb.read_text(POSTFIX_LOG)
+    return sb
+
+
+def outcomes(sb):
+    return re.findall(r"to=<([^>]+)>, relay=(\w+).*dsn=([\d.]+), status=(\w+) \((.*)\)",
+                      sb.read_text(POSTFIX_LOG))
+
+
+def test_each_recipient_ends_as_its_mailbox_says(mail):
+    got = {}
+    for to, relay, dsn, status, text in outcomes(mail):
+        name = to.split("@")[0]
+        if to.endswith("@" + D):
+            got.setdefault(name, set()).add((relay, dsn, status, CASES[name][2] in text))
+    assert got == {n: {("zarnet", dsn, status, True)} for n, (dsn, status, _, _) in CASES.items()}
+    counts = {name: len(mail.listdir(f"{HOME}/{name}/Maildir/new")) for name in CASES}
+    assert counts == {name: case[3] for name, case in CASES.items()}
+    assert not any(mail.listdir(f"{HOME}/{name}/Maildir/tmp") for name in CASES)
+    assert not mail.exists("/tmp/pwned")
+    forwarded = [t for t in mail.tree(f"{HOME}/boss/Maildir/new").values() if "hello fwd" in t]
+    assert len(forwarded) == 1 and forwarded[0].startswith(f"Return-Path: <{SENDER}>\n")
+
+
+def test_handlers_run_in_order_once_with_their_context_and_nothing_else(mail):
+    calls = mail.read_text("/tmp/rec").split("\n")
+    name = calls[0].split()[0]
+    env = sorted(line for line in calls[1:] if "=" in line and not line.startswith("PWD="))
+    assert (calls[0], env, calls.count("Subject: for info")) == (
+        f"{name} info@{D}",
+        sorted(["PATH=/usr/bin:/bin", f"SENDER={SENDER}", f"RECIPIENT=info@{D}", "LOCAL=info",
+                f"HOST={D}", "HANDLER_HOOK=before-local", "HANDLER_CONTEXT=ctx rec",
+                f"HANDLER_NAME={name}"]), 1)
+    # the disabled one and the one without a context never ran
+    assert name.startswith("10-rec-") and not any(mail.exists(f"/tmp/{h}")
+                                                  for h in ("off", "broken"))
+    # priorities compare as numbers: 5 before 10
+    assert re.findall(rf"^\d+-(\w+)-\S+ info@{D}$", mail.read_text("/tmp/order"), re.M) == [
+        "dom", "rec"]
+    # the domain's handler saw every message that reached the handlers
+    ran = sorted(re.findall(rf"^5-dom-\S+ (\w+)@{D}$", mail.read_text("/tmp/dom"), re.M))
+    assert ran == sorted(["info", "boss", "fwd", "boss", "full", "refused", "dropped", "auto",
+                          "auto"])
+
+
+def test_autoresponder_answers_once_with_the_null_sender(mail):
+    box = mail.read_text("/var/mail/root")
+    replies = [m for m in box.split("\nFrom ") if f"\nFrom: auto@{D}\n" in m]
+    assert len(replies) == 1, box
+    assert "Away until Monday." in replies[0] and "In-Reply-To: <auto.1@localhost>" in replies[0]
+    assert "\nReturn-Path: <>\n" in replies[0]
+    assert mail.read_text(f"{HOME}/auto/.autoresponder-sent") == SENDER + "\n"
