@@ -21,6 +21,7 @@ from sandbox import REPO, Sandbox  # noqa: E402
 HOST_STATE = pytest.StashKey[dict]()
 BOUNCE_PATH = "/usr/lib/zarnet-9.0/bouncemessage"  # the program the bounce records name
 DELIVER_PATH = "/usr/lib/zarnet-9.0/mailtend-deliver"
+SETUP_PATH = "/usr/local/zrn/admin/sbin/mailtend-setup"
 # exact standard output of the commands in expected_output.txt, each below its "$ mailtend" line
 _PARTS = re.split(r"^\$ mailtend (.*)\n", (Path(__file__).parent / "expected_output.txt")
                   .read_text(), flags=re.M)
@@ -73,8 +74,7 @@ def sandbox_template(sandbox_base, mailtend_bin):
     sb = Sandbox.create(sandbox_base / "template", mailtend_bin)
     sb.install_dbinit(built("MAILTEND_DBINIT_BIN", "mailauth-dbinit"))
     sb.install(built("MAILTEND_BOUNCE_BIN", "bouncemessage"), BOUNCE_PATH)
-    sb.install(built("MAILTEND_SETUP_BIN", "mailtend-setup"),
-               "/usr/local/zrn/admin/sbin/mailtend-setup")
+    sb.install(built("MAILTEND_SETUP_BIN", "mailtend-setup"), SETUP_PATH)
     sb.install(built("MAILTEND_DELIVER_BIN", "mailtend-deliver"), DELIVER_PATH)
     sb.stop()
     return sb

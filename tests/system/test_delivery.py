@@ -5,7 +5,7 @@ import re
 
 import pytest
 
-from conftest import DELIVER_PATH, built
+from conftest import SETUP_PATH, built
 from panel_db import PanelDB
 from sandbox import MAILNAMES, POSTFIX_LOG, wait_for
 
@@ -14,8 +14,6 @@ HOME = f"{MAILNAMES}/{D}"
 ROOT = "/usr/local/zrn/handlers"
 AUTORESPONDER = ROOT + "/hooks/autoresponder"  # not in the template: tests read the store as text
 SENDER = "root@localhost"
-MASTER = ("zarnet    unix  -       n       n       -       -       pipe\n  flags=DROh user=popuser "
-          f"null_sender= argv={DELIVER_PATH} ${{sender}} ${{recipient}}\n")
 RECORDER = ("#!/bin/sh\n{ echo \"$HANDLER_NAME $RECIPIENT\"; env; grep '^Subject:'; } >> /tmp/%s\n"
             "echo \"$HANDLER_NAME $RECIPIENT\" >> /tmp/order\nexit %d\n")
 # recipient: (dsn, status, text in the log), messages in its own Maildir afterwards
@@ -43,7 +41,7 @@ def handler(sb, name, exe, type_name, value, exit_code, priority="10"):
 
 @pytest.fixture(scope="module")
 def mail(module_sandbox, panel_template):
-    """Postfix delivering example.com through the agent; every case's mailbox set up; one message
+    """Postfix set up by the set-up program, delivering example.com through the agent; every case's mailbox set up; one message
     sent to each (two to auto), all settled."""
     sb = module_sandbox
     sb.install(built("MAILTEND_AUTORESPONDER_BIN", "autoresponder"), AUTORESPONDER)
@@ -81,9 +79,7 @@ def mail(module_sandbox, panel_template):
     handler(sb, "drop", "/usr/local/bin/drop", "recipient", f"dropped@{D}", 99)
     sb.write("/usr/local/bin/refuse", "#!/bin/sh\necho go away\nexit 100\n", mode=0o755)
 
-    sb.run(["postconf", "-e", "virtual_transport = zarnet",
-            "zarnet_destination_recipient_limit = 1"]).check()
-    sb.write("/etc/postfix/master.cf", sb.read_text("/etc/postfix/master.cf") + MASTER)
+    sb.run([SETUP_PATH]).check()  # the delivery transport, as a real server gets it
     sb.start_postfix()
     for name in [*CASES, "auto"]:
         sb.run(["sendmail", "-f", SENDER, f"{name}@{D}"], stdin=(

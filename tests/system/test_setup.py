@@ -2,12 +2,12 @@
 the operator's settings kept, main.cf left alone by a failed step, and a server that then takes
 mail for a mailbox and lets its owner in over SMTP authentication, POP3 and IMAP."""
 
+from conftest import SETUP_PATH as SETUP
 from mailflow import mail_logins, stock_server
 from panel_db import PanelDB
 from sandbox import (AUTH_DB, AUTHDAEMON_LOG, AUTHDAEMON_SOCKET, AUTHDAEMOND, MAIN_CF, TABLE_DIR,
                      wait_for)
 
-SETUP = "/usr/local/zrn/admin/sbin/mailtend-setup"
 DAEMONRC, SQLITERC = "/etc/courier/authdaemonrc", "/etc/courier/authsqliterc"
 SASL = "/etc/postfix/sasl/smtpd.conf"
 INFO = "--mailname=info"
