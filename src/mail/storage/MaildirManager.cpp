@@ -147,12 +147,15 @@ bool dropLink(int top, const std::string &name, const fs::path &path)
     return true;
 }
 
-// The names of the links in the root whose target is exactly target.
+// The names of the alias links in the root whose target is exactly target
+// (a name beginning with "." is no domain's: a link being placed).
 std::vector<std::string> linksTo(int top, const std::string &target)
 {
     std::vector<std::string> names;
     const int fd = fd_io::openat_retry(top, ".", O_RDONLY | O_DIRECTORY);
     const dir_walk::Result r = dir_walk::each_entry(fd, [&](const dir_walk::Entry &e) {
+        if (e.name[0] == '.')
+            return true;
         char text[512];
         const ssize_t n = ::readlinkat(e.dir, e.name, text, sizeof text);
         if (n >= 0 && target.compare(0, std::string::npos, text, static_cast<size_t>(n)) == 0)
