@@ -24,10 +24,11 @@ namespace {
 const char rewrite_daemon[] = "/trivial-rewrite";
 const char default_daemon_directory[] = "/usr/libexec/postfix";
 
-// The address-rewriting daemon keeps its tables open and serves long-lived
-// clients; an interrupt ends it and the master starts a fresh one, with the
-// new tables, at the next request. Best effort: it notices changed tables on
-// its own too, only later.
+// The address-rewriting daemon, which tells which domains the server takes
+// mail for, keeps its tables open and serves long-lived clients, so it looks
+// for changed tables only when a new client comes; an interrupt ends it and
+// the master starts a fresh one, with the new tables, at the next request.
+// Best effort: it notices changed tables on its own too, only later.
 void killproc(const std::string &path)
 {
     try {
@@ -175,6 +176,7 @@ int addDomainAlias(const Args &args)
     const std::string domain = storeDomain(args.text("domain-name"));
     const std::string alias = storeDomain(args.text("domain-alias-name"));
     DomainManager::createDomainAlias(domain, alias);
+    killproc(rewriteDaemonPath());
     if (mass_control_handler_by_mailname(domain.c_str(), alias.c_str(), HANDLER_ACTION_CLONE) != 0)
         zarnet::uerr << "WARNING: unable to clone all mail handlers for " << alias << std::endl;
     if (clone_domain_key(domain.c_str(), alias.c_str()) != 0)
@@ -188,6 +190,7 @@ int removeDomainAlias(const Args &args)
 {
     const std::string alias = storeDomain(args.text("domain-alias-name"));
     DomainManager::removeDomainAlias(alias);
+    killproc(rewriteDaemonPath());
     if (mass_control_handler_by_mailname(alias.c_str(), nullptr, HANDLER_ACTION_REMOVE) != 0)
         zarnet::uerr << "WARNING: unable to properly remove mail handlers for " << alias
                      << std::endl;
@@ -200,7 +203,8 @@ int renameDomainAlias(const Args &args)
     const std::string domain = storeDomain(args.text("domain-name"));
     const std::string from = storeDomain(args.text("old-domain-alias-name"));
     const std::string to = storeDomain(args.text("new-domain-alias-name"));
-    DomainManager::renameDomainAlias(from, to);
+    DomainManager::renameDomainAlias(domain, from, to);
+    killproc(rewriteDaemonPath());
     if (mass_control_handler_by_mailname(from.c_str(), to.c_str(), HANDLER_ACTION_REASSIGN) != 0)
         zarnet::uerr << "WARNING: unable to properly re-assign mail handlers from " << from
                      << " to " << to << std::endl;

@@ -60,21 +60,68 @@ void checkRecord(const Record &r)
 // its indexed file over the table's, so a compiler that dies halfway leaves
 // the live table as it was instead of empty. The daemons notice the replaced
 // file and reopen it.
+std::string tableType(const std::string &table)
+{
+    const std::string::size_type colon = table.find(':');
+    return colon == std::string::npos ? "hash" : table.substr(0, colon);
+}
+
+// The suffix the compiler gives the indexed file of a table type; empty
+// for a type without one.
+std::string indexSuffix(const std::string &table)
+{
+    const std::string type = tableType(table);
+    if (type == "hash" || type == "btree")
+        return ".db";
+    if (type == "lmdb")
+        return ".lmdb";
+    if (type == "cdb")
+        return ".cdb";
+    return std::string();
+}
+
+// Postfix daemons reopen a table when its indexed file is gone or its
+// st_mtime, in whole seconds, differs from the one seen at open. A rebuild
+// replaces the file; an in-place change made within the second of the one
+// before would stay unseen until each daemon ends. So an in-place change
+// that leaves st_mtime where it was moves it one second past. Cheaper than
+// replacing the file, which costs a copy and an fsync of the whole index per
+// change, and as sure: the compiler holds the table's exclusive lock for the
+// whole change and the daemons open it under a shared one, so a daemon saw
+// either the old time or the finished table; and the tool's changes run one
+// at a time under its own lock, so the times they leave only grow.
+class ChangeStamp {
+public:
+    explicit ChangeStamp(const std::string &table)
+        : path_(DatabaseHelper::sourcePath(table) + indexSuffix(table))
+    {
+        known_ = !indexSuffix(table).empty() && ::stat(path_.c_str(), &before_) == 0;
+    }
+
+    void changed() const
+    {
+        struct stat after;
+        if (!known_ || ::stat(path_.c_str(), &after) != 0 || after.st_mtime > before_.st_mtime)
+            return; // new (no daemon had it open), gone, or visibly changed
+        const struct timespec times[2] = {{0, UTIME_OMIT}, {before_.st_mtime + 1, 0}};
+        if (::utimensat(AT_FDCWD, path_.c_str(), times, 0) != 0)
+            throwSystemError("utimensat " + path_, errno);
+    }
+
+private:
+    std::string path_;
+    struct stat before_ = {};
+    bool known_ = false;
+};
+
 class Rebuild {
 public:
-    explicit Rebuild(const std::string &table)
+    explicit Rebuild(const std::string &table) : suffix_(indexSuffix(table))
     {
-        const std::string path = DatabaseHelper::sourcePath(table);
-        const std::string::size_type colon = table.find(':');
-        const std::string type = colon == std::string::npos ? "hash" : table.substr(0, colon);
-        if (type == "hash" || type == "btree")
-            suffix_ = ".db";
-        else if (type == "lmdb")
-            suffix_ = ".lmdb";
-        else if (type == "cdb")
-            suffix_ = ".cdb";
-        else
+        if (suffix_.empty())
             throw std::invalid_argument("cannot rebuild lookup table '" + table + "'");
+        const std::string path = DatabaseHelper::sourcePath(table);
+        const std::string type = tableType(table);
         const std::string::size_type slash = path.rfind('/');
         const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
         const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
@@ -151,14 +198,27 @@ void compileOrThrow(const std::vector<std::string> &args,
         throw PostfixConfigurationError(failureText(output, status));
 }
 
+// An in-place change of the live table, made noticeable to the daemons.
+void changeInPlace(const std::string &table, const std::vector<std::string> &args,
+                   const process::InputSource &input)
+{
+    const ChangeStamp stamp(table);
+    compileOrThrow(args, input);
+    stamp.changed();
+}
+
 // Removals: the compiler exits non-zero for an absent key, which is not a
 // failure unless it also printed one.
-void removeOrThrow(const std::vector<std::string> &args, const process::InputSource &input)
+void removeOrThrow(const std::string &table, const std::vector<std::string> &args,
+                   const process::InputSource &input)
 {
+    const ChangeStamp stamp(table);
     std::string output;
     const int status = runCompiler(args, input, output);
-    if (exitedZero(status))
+    if (exitedZero(status)) {
+        stamp.changed();
         return;
+    }
     if (WIFSIGNALED(status) || !DatabaseHelper::checkOutput(output, false))
         throw PostfixDatabaseError(failureText(output, status));
 }
@@ -234,7 +294,7 @@ void DatabaseHelper::addRecordList(const std::string &table, const RecordList &r
     // Under the table's lock, so a change cannot slip in between the dump
     // and the rename of a rebuild and be lost.
     MKLock lock(sourcePath(table));
-    compileOrThrow({"-r", "-i", table}, source);
+    changeInPlace(table, {"-r", "-i", table}, source);
 }
 
 void DatabaseHelper::replaceRecordList(const std::string &table, const RecordList &records)
@@ -264,7 +324,7 @@ void DatabaseHelper::removeRecord(const std::string &table, const std::string &k
 {
     checkKey(key);
     MKLock lock(sourcePath(table));
-    removeOrThrow({"-d", key, table}, process::InputSource());
+    removeOrThrow(table, {"-d", key, table}, process::InputSource());
 }
 
 void DatabaseHelper::removeKeyList(const std::string &table, const KeyList &keys)
@@ -285,7 +345,7 @@ void DatabaseHelper::removeKeyList(const std::string &table, const KeyList &keys
         return true;
     };
     MKLock lock(sourcePath(table));
-    removeOrThrow({"-d", "-", table}, source);
+    removeOrThrow(table, {"-d", "-", table}, source);
 }
 
 void DatabaseHelper::filterRecords(const std::string &table, const RecordFilter &filter)

@@ -4,7 +4,10 @@
 // the compiler on its standard input; a whole-table rewrite writes a
 // transient source beside the table, compiles it under a private name and
 // renames the new index over the live one, so readers see the old table or
-// the new one and a failed rebuild leaves the old one in place. Every change
+// the new one and a failed rebuild leaves the old one in place. The running
+// mail server sees every change at its next session: a rebuild replaces the
+// file, and an in-place change always moves its modification time to a
+// later second. Every change
 // holds the table's file lock (derived from the table path), so changes by
 // concurrent runs never interleave with a rebuild. Records are checked
 // before any process starts: one the text form cannot carry never reaches a

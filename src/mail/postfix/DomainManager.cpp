@@ -130,6 +130,16 @@ void moveDomainMailboxes(const std::string &from, const std::string &to)
                               ReplaceDomainPart(from, to, false), ReplaceDomainPath(fromRoot, toRoot)));
 }
 
+// Takes back a link this run made; the failure that calls for it is the
+// one reported.
+void dropLinkQuietly(const std::string &alias)
+{
+    try {
+        MaildirManager::getInstance().removeDomainAliasLink(alias);
+    } catch (const std::exception &) {
+    }
+}
+
 // The aliases record of a bounce; removing an absent one is no error.
 void removeBounceRecord(const std::string &domain)
 {
@@ -143,13 +153,52 @@ const char *const DomainManager::stdAddresses[6] = {"postmaster", "mailer-daemon
 
 namespace {
 
+RecordList standardRecords(const std::string &domain)
+{
+    RecordList records;
+    for (const char *name : DomainManager::stdAddresses)
+        records.emplace_back(std::string(name) + "@" + domain, name + std::string(local_host));
+    return records;
+}
+
+KeyList standardKeys(const std::string &domain)
+{
+    KeyList keys;
+    for (const char *name : DomainManager::stdAddresses)
+        keys.push_back(std::string(name) + "@" + domain);
+    return keys;
+}
+
+std::vector<std::string> panelAliases(const std::string &domain)
+{
+    PanelLists panel;
+    return panel.list(
+        [&](MYSQL *conn, char ***out) { return get_domaliases_by_domain(conn, out, domain.c_str()); },
+        "the domain aliases of " + domain);
+}
+
+// Whether an alias's records are in the tables: it always has its standard
+// addresses there.
+bool aliasInTables(const std::string &alias)
+{
+    return DatabaseHelper::hasRecord(tables::virtual_addresses,
+                                     std::string(DomainManager::stdAddresses[0]) + "@" + alias);
+}
+
+void enableWith(BatchDatabaseHelper &batch, const std::string &domain, const RecordList &more)
+{
+    batch.addChange(tables::virtual_domains, domain, domain + "/");
+    RecordList records = standardRecords(domain);
+    records.insert(records.end(), more.begin(), more.end());
+    batch.addChanges(tables::virtual_addresses, records.begin(), records.end());
+}
+
 // An alias of the same name always leaves its standard addresses in
 // "virtual"; without them there is nothing of it to purge, and the rewrite of
 // the whole table (seconds on a large server) is skipped.
 void removeAliasLeftovers(const std::string &domain)
 {
-    if (DatabaseHelper::hasRecord(tables::virtual_addresses,
-                                  std::string(DomainManager::stdAddresses[0]) + "@" + domain))
+    if (aliasInTables(domain))
         DomainManager::removeDomainAlias(domain);
     else
         removeBounceRecord(domain);
@@ -189,28 +238,34 @@ void DomainManager::createDomainRecord(const std::string &domain, bool disabled)
 
 void DomainManager::enableDomain(BatchDatabaseHelper &batch, const std::string &domain)
 {
-    batch.addChange(tables::virtual_domains, domain, domain + "/");
-    createStandardDomainAddresses(batch, domain);
+    enableWith(batch, domain, RecordList());
 }
 
 void DomainManager::enableDomain(const std::string &domain)
 {
+    // The panel may list an alias the tables never had; it gets no record.
+    RecordList aliases;
+    for (const std::string &alias : panelAliases(domain))
+        if (aliasInTables(alias))
+            aliases.emplace_back(alias, domain);
     BatchDatabaseHelper batch(true, true);
-    enableDomain(batch, domain);
+    enableWith(batch, domain, aliases);
 }
 
 void DomainManager::disableDomain(const std::string &domain)
 {
+    KeyList keys = standardKeys(domain);
+    for (const std::string &alias : panelAliases(domain))
+        keys.push_back(alias);
     DatabaseHelper::removeRecord(tables::virtual_domains, domain);
-    removeStandardDomainAddresses(domain);
+    BatchDatabaseHelper batch(true, true);
+    batch.removeChanges(tables::virtual_addresses, keys);
 }
 
 void DomainManager::createStandardDomainAddresses(BatchDatabaseHelper &batch,
                                                   const std::string &domain)
 {
-    RecordList records;
-    for (const char *name : stdAddresses)
-        records.emplace_back(std::string(name) + "@" + domain, name + std::string(local_host));
+    const RecordList records = standardRecords(domain);
     batch.addChanges(tables::virtual_addresses, records.begin(), records.end());
 }
 
@@ -223,10 +278,7 @@ void DomainManager::createStandardDomainAddresses(const std::string &domain)
 void DomainManager::removeStandardDomainAddresses(BatchDatabaseHelper &batch,
                                                   const std::string &domain)
 {
-    KeyList keys;
-    for (const char *name : stdAddresses)
-        keys.push_back(std::string(name) + "@" + domain);
-    batch.removeChanges(tables::virtual_addresses, keys);
+    batch.removeChanges(tables::virtual_addresses, standardKeys(domain));
 }
 
 void DomainManager::removeStandardDomainAddresses(const std::string &domain)
@@ -238,6 +290,12 @@ void DomainManager::removeStandardDomainAddresses(const std::string &domain)
 void DomainManager::removeDomain(const std::string &domain, OnRemoval mode)
 {
     DatabaseHelper::removeRecord(tables::virtual_domains, domain);
+    try {
+        MaildirManager::getInstance().removeDomainAliasLinks(domain);
+    } catch (const std::exception &) {
+        // A link left points at nothing once the root is gone; a later
+        // alias or domain of its name replaces it.
+    }
     try {
         if (mode == removeStorage)
             MaildirManager::getInstance().removeDomainRoot(domain);
@@ -282,12 +340,7 @@ void DomainManager::createCatchall(const std::string &domain, const std::string 
 void DomainManager::removeCatchall(BatchDatabaseHelper &batch, const std::string &domain)
 {
     KeyList keys(1, "@" + domain);
-    PanelLists panel;
-    for (const std::string &alias : panel.list(
-             [&](MYSQL *conn, char ***out) {
-                 return get_domaliases_by_domain(conn, out, domain.c_str());
-             },
-             "the domain aliases of " + domain))
+    for (const std::string &alias : panelAliases(domain))
         keys.push_back("@" + alias);
     batch.removeChanges(tables::virtual_addresses, keys);
 }
@@ -362,8 +415,20 @@ void DomainManager::createDomainAlias(BatchDatabaseHelper &batch, const std::str
                 records.emplace_back(name + "@" + alias, target);
         }
     }
-    createStandardDomainAddresses(batch, alias);
-    batch.addChanges(tables::virtual_addresses, records.begin(), records.end());
+    if (DatabaseHelper::hasRecord(tables::virtual_domains, domain))
+        records.emplace_back(alias, domain);
+    const RecordList standard = standardRecords(alias);
+    records.insert(records.begin(), standard.begin(), standard.end());
+    // First the link: a name taken by a directory stops the command before
+    // any record is written.
+    const bool fresh = MaildirManager::getInstance().createDomainAliasLink(domain, alias);
+    try {
+        batch.addChanges(tables::virtual_addresses, records.begin(), records.end());
+    } catch (...) {
+        if (fresh)
+            dropLinkQuietly(alias);
+        throw;
+    }
 }
 
 void DomainManager::createDomainAlias(const std::string &domain, const std::string &alias)
@@ -377,11 +442,23 @@ void DomainManager::removeDomainAlias(const std::string &alias)
     DatabaseHelper::filterRecords(tables::virtual_addresses,
                                   ElementsFilter<NotInDomainFilter>(NotInDomainFilter(alias, false)));
     removeBounceRecord(alias);
+    MaildirManager::getInstance().removeDomainAliasLink(alias);
 }
 
-void DomainManager::renameDomainAlias(const std::string &oldAlias, const std::string &newAlias)
+void DomainManager::renameDomainAlias(const std::string &domain, const std::string &oldAlias,
+                                      const std::string &newAlias)
 {
-    moveDomainAddresses(oldAlias, newAlias);
+    MaildirManager &storage = MaildirManager::getInstance();
+    const bool fresh = storage.createDomainAliasLink(domain, newAlias);
+    try {
+        moveDomainAddresses(oldAlias, newAlias);
+    } catch (...) {
+        if (fresh)
+            dropLinkQuietly(newAlias);
+        throw;
+    }
+    if (oldAlias != newAlias)
+        storage.removeDomainAliasLink(oldAlias);
     moveBounceRecord(oldAlias, newAlias);
 }
 

@@ -2,6 +2,7 @@
 
 #include "utils/ExSystemError.h"
 #include "utils/FdOwner.h"
+#include "utils/dir_walk.h"
 #include "utils/fd_io.h"
 #include "utils/file_tree.h"
 #include "utils/read_configuration.h"
@@ -18,6 +19,7 @@
 
 #include <cerrno>
 #include <exception>
+#include <vector>
 
 namespace fs = boost::filesystem;
 
@@ -53,14 +55,6 @@ void checkComponent(const std::string &name, const fs::path &path)
 {
     if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos)
         throwFs("invalid name", path, EINVAL);
-}
-
-void ownPath(const fs::path &path, uid_t uid, gid_t gid, mode_t mode)
-{
-    if (fd_io::retry_eintr([&] { return ::chown(path.c_str(), uid, gid); }) != 0)
-        throwFs("chown", path, errno);
-    if (fd_io::retry_eintr([&] { return ::chmod(path.c_str(), mode); }) != 0)
-        throwFs("chmod", path, errno);
 }
 
 // Gives the directory opened as fd (a failed open counts as a failed chown)
@@ -125,6 +119,74 @@ void backupOrThrow(const fs::path &path)
     }
 }
 
+// The mail-names root, opened; every step on a name in it is taken relative
+// to this descriptor without following a link in that name.
+FdOwner openMailnamesRoot()
+{
+    const fs::path top = MaildirManager::getMailnamesRoot();
+    FdOwner fd(fd_io::open_retry(top.c_str(), O_RDONLY | O_DIRECTORY));
+    if (!fd.valid())
+        throwFs("open", top, errno);
+    return fd;
+}
+
+bool isLink(int top, const std::string &name)
+{
+    struct stat st;
+    return ::fstatat(top, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode);
+}
+
+// Unlinks name if it is a symbolic link; unlinkat refuses a directory put
+// there meanwhile. Whether a link was there.
+bool dropLink(int top, const std::string &name, const fs::path &path)
+{
+    if (!isLink(top, name))
+        return false;
+    if (::unlinkat(top, name.c_str(), 0) != 0 && errno != ENOENT)
+        throwFs("unlink", path, errno);
+    return true;
+}
+
+// The names of the alias links in the root whose target is exactly target
+// (a name beginning with "." is no domain's: a link being placed).
+std::vector<std::string> linksTo(int top, const std::string &target)
+{
+    std::vector<std::string> names;
+    const int fd = fd_io::openat_retry(top, ".", O_RDONLY | O_DIRECTORY);
+    const dir_walk::Result r = dir_walk::each_entry(fd, [&](const dir_walk::Entry &e) {
+        if (e.name[0] == '.')
+            return true;
+        char text[512];
+        const ssize_t n = ::readlinkat(e.dir, e.name, text, sizeof text);
+        if (n >= 0 && target.compare(0, std::string::npos, text, static_cast<size_t>(n)) == 0)
+            names.emplace_back(e.name);
+        return true;
+    });
+    if (!dir_walk::all_visited(r))
+        throwFs("boost::filesystem::directory_iterator::construct",
+                MaildirManager::getMailnamesRoot(), errno);
+    return names;
+}
+
+// Points name at target: a link made under a name no domain can have and
+// renamed into place, so it replaces an old link at once and never a
+// directory (rename refuses that).
+void placeLink(int top, const std::string &target, const std::string &name, const fs::path &path)
+{
+    struct stat st;
+    if (::fstatat(top, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISLNK(st.st_mode))
+        throwFs("domain alias link", path, EEXIST);
+    const std::string temp = "." + name + ".link";
+    ::unlinkat(top, temp.c_str(), 0); // left by a run that died
+    if (::symlinkat(target.c_str(), top, temp.c_str()) != 0)
+        throwFs("symlink", path, errno);
+    if (::renameat(top, temp.c_str(), top, name.c_str()) != 0) {
+        const int code = errno;
+        ::unlinkat(top, temp.c_str(), 0);
+        throwFs("domain alias link", path, code == EISDIR || code == ENOTEMPTY ? EEXIST : code);
+    }
+}
+
 // The home of a valid domain and mailname.
 fs::path checkedHome(const std::string &domain, const std::string &mailname)
 {
@@ -177,8 +239,18 @@ void MaildirManager::createDomainRoot(const std::string &domain) const
     const fs::path root = getDomainRoot(domain);
     checkComponent(domain, root);
     UmaskGuard mask(077);
-    fs::create_directories(root);
-    ownPath(root, 0, gid_, 0750);
+    fs::create_directories(getMailnamesRoot());
+    const FdOwner top = openMailnamesRoot();
+    dropLink(top.get(), domain, root);
+    if (::mkdirat(top.get(), domain.c_str(), 0750) != 0 && errno != EEXIST)
+        throwFs("boost::filesystem::create_directories", root, errno);
+    const FdOwner fd(dir_walk::open_dir(top.get(), domain.c_str()));
+    if (!fd.valid())
+        throwFs("boost::filesystem::create_directories", root, errno);
+    if (fd_io::retry_eintr([&] { return ::fchown(fd.get(), 0, gid_); }) != 0)
+        throwFs("chown", root, errno);
+    if (fd_io::retry_eintr([&] { return ::fchmod(fd.get(), 0750); }) != 0)
+        throwFs("chmod", root, errno);
 }
 
 void MaildirManager::createMailnameHome(const std::string &domain,
@@ -236,7 +308,25 @@ void MaildirManager::renameDomainRoot(const std::string &oldDomain,
     const fs::path to = getDomainRoot(newDomain);
     checkComponent(oldDomain, from);
     checkComponent(newDomain, to);
+    const FdOwner top = openMailnamesRoot();
+    const std::vector<std::string> aliases = linksTo(top.get(), oldDomain);
     fs::rename(from, to);
+    std::size_t moved = 0;
+    try {
+        for (; moved < aliases.size(); ++moved)
+            placeLink(top.get(), newDomain, aliases[moved], getDomainRoot(aliases[moved]));
+    } catch (...) {
+        const int code = errno;
+        ::renameat(top.get(), newDomain.c_str(), top.get(), oldDomain.c_str());
+        while (moved-- > 0) {
+            try {
+                placeLink(top.get(), oldDomain, aliases[moved], getDomainRoot(aliases[moved]));
+            } catch (const std::exception &) {
+            }
+        }
+        errno = code;
+        throw;
+    }
 }
 
 void MaildirManager::renameMailnameHome(const std::string &domain, const std::string &oldMailname,
@@ -254,7 +344,8 @@ void MaildirManager::backupDomainRoot(const std::string &domain) const
 {
     const fs::path root = getDomainRoot(domain);
     checkComponent(domain, root);
-    backupOrThrow(root);
+    if (!dropLink(openMailnamesRoot().get(), domain, root))
+        backupOrThrow(root);
 }
 
 void MaildirManager::backupMailnameHome(const std::string &domain,
@@ -267,6 +358,8 @@ void MaildirManager::removeDomainRoot(const std::string &domain) const
 {
     const fs::path root = getDomainRoot(domain);
     checkComponent(domain, root);
+    if (dropLink(openMailnamesRoot().get(), domain, root))
+        return;
     // The rename aside only keeps readers of the old tree from seeing it
     // half removed; when it cannot be done the removal asked for still is.
     fs::path doomed;
@@ -286,10 +379,37 @@ void MaildirManager::removeMailnameHome(const std::string &domain,
     removeTree(checkedHome(domain, mailname));
 }
 
+bool MaildirManager::createDomainAliasLink(const std::string &domain,
+                                           const std::string &alias) const
+{
+    const fs::path link = getDomainRoot(alias);
+    checkComponent(domain, link);
+    checkComponent(alias, link);
+    const FdOwner top = openMailnamesRoot();
+    const bool fresh = !isLink(top.get(), alias);
+    placeLink(top.get(), domain, alias, link);
+    return fresh;
+}
+
+void MaildirManager::removeDomainAliasLink(const std::string &alias) const
+{
+    const fs::path link = getDomainRoot(alias);
+    checkComponent(alias, link);
+    dropLink(openMailnamesRoot().get(), alias, link);
+}
+
+void MaildirManager::removeDomainAliasLinks(const std::string &domain) const
+{
+    checkComponent(domain, getDomainRoot(domain));
+    const FdOwner top = openMailnamesRoot();
+    for (const std::string &alias : linksTo(top.get(), domain))
+        dropLink(top.get(), alias, getDomainRoot(alias));
+}
+
 bool backupRename(const fs::path &path, fs::path &out)
 {
     struct stat st;
-    if (fd_io::retry_eintr([&] { return ::stat(path.c_str(), &st); }) != 0) {
+    if (fd_io::retry_eintr([&] { return ::lstat(path.c_str(), &st); }) != 0) {
         if (errno != ENOENT && errno != ENOTDIR)
             return false;
         out = fs::path();

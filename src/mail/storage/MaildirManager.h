@@ -45,12 +45,14 @@ public:
     static boost::filesystem::path getMailnameHome(const std::string &domain,
                                                  const std::string &mailname);
 
-    // An existing tree is accepted; owners and modes are set again.
+    // An existing tree is accepted; owners and modes are set again. A domain
+    // alias link of the name goes: the domain takes the name over.
     void createDomainRoot(const std::string &domain) const;
     // A failure removes what this call created (the whole home when there
     // was none) and throws on with errno as it was at the failure.
     void createMailnameHome(const std::string &domain, const std::string &mailname) const;
 
+    // The domain's alias links follow it; a failure puts everything back.
     void renameDomainRoot(const std::string &oldDomain, const std::string &newDomain) const;
     void renameMailnameHome(const std::string &domain, const std::string &oldMailname,
                             const std::string &newMailname) const;
@@ -61,9 +63,23 @@ public:
 
     // The domain root is first moved to its backup name, so it disappears
     // at once; one whose status cannot be taken, or that cannot be renamed,
-    // is removed where it is.
+    // is removed where it is. Here and in backupDomainRoot a symbolic link
+    // of the domain's name is no domain root: the link itself is removed and
+    // what it points at is never touched.
     void removeDomainRoot(const std::string &domain) const;
     void removeMailnameHome(const std::string &domain, const std::string &mailname) const;
+
+    // Domain alias links: "<root>/ALIAS" -> "DOMAIN", relative, so that a
+    // login through the alias, whose home the authentication database forms
+    // from the alias's name, reaches the domain's homes. Only a symbolic
+    // link is ever replaced or removed under an alias name: anything else
+    // there is refused with EEXIST ("domain alias link") and left as it is.
+    // createDomainAliasLink returns whether the link is new.
+    bool createDomainAliasLink(const std::string &domain, const std::string &alias) const;
+    // Nothing there, or no link, is no error.
+    void removeDomainAliasLink(const std::string &alias) const;
+    // Every alias link that points at the domain.
+    void removeDomainAliasLinks(const std::string &domain) const;
 
 protected:
     MaildirManager() = default;
@@ -76,8 +92,8 @@ private:
     gid_t gid_ = 0;
 };
 
-// Renames path to path + ".ZarnetSaved." + its inode number and stores that
-// name in out. A missing path (or a non-directory on the way) renames
+// Renames path (a link itself, never what it points at) to path +
+// ".ZarnetSaved." + its inode number and stores that name in out. A missing path (or a non-directory on the way) renames
 // nothing, sets out empty and succeeds. false, with errno, when the status
 // of path cannot be taken otherwise (out untouched); a failed rename throws.
 bool backupRename(const boost::filesystem::path &path, boost::filesystem::path &out);

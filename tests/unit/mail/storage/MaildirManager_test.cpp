@@ -79,7 +79,7 @@ TEST_F(MailnamesRoot, PathsFollowTheConfiguredRoot)
     // A tree whose status cannot be taken is not taken for a missing one.
     fs::create_symlink("loop", temp_.path() + "/loop");
     bfs::path out = "untouched";
-    EXPECT_FALSE(zarnet::mail::backupRename(temp_.path() + "/loop", out));
+    EXPECT_FALSE(zarnet::mail::backupRename(temp_.path() + "/loop/tree", out));
     EXPECT_EQ(out, "untouched");
 }
 
@@ -163,9 +163,11 @@ TEST_F(MaildirManagerSandboxed, BackupRemoveAndRenameMoveTheWholeTree)
     EXPECT_FALSE(exists(dom));
     EXPECT_EQ(backups(dom), 2) << "removal left a backup";
     create();
+    EXPECT_TRUE(manager().createDomainAliasLink("example.net", "alias.example"));
     manager().renameMailnameHome("example.net", "info", "sales");
     manager().renameDomainRoot("example.net", "example.edu");
     EXPECT_EQ(testsupport::slurp(root_ + "/example.edu/sales/Maildir/cur/1"), "mail");
+    EXPECT_EQ(fs::read_symlink(root_ + "/alias.example"), "example.edu") << "alias link left behind";
 
     EXPECT_THROW(manager().removeDomainRoot(""), bfs::filesystem_error);
     EXPECT_THROW(manager().removeMailnameHome("example.edu", ".."), bfs::filesystem_error);
