@@ -82,6 +82,8 @@ LIFE = [
     (["--set-bounce", D_ARG, "--phrase=No such user\nBye"], state(BOUNCED, MULTI)),
     # the catch-all replaces the bounce's "@D"; the bounce command stays
     (["--set-catchall", D_ARG, "--email=Boss@BÜCHER.example"], state(CAUGHT, MULTI)),
+    # added again: nothing of the domain is taken for an alias's leftovers
+    (["--add-domain", D_ARG], state(CAUGHT, MULTI)),
     (["--set-catchall", "--domain-name=alias.example", "--email=boss@" + D],
      state({**CAUGHT, **PANEL_ALIAS}, MULTI)),
     # both switches drop the catch-all of the domain and of its aliases in the panel
@@ -107,7 +109,7 @@ def test_domain_life_cycle(host):
         assert records(sb, D) == want, argv
         seen.append((sb.exists(f"{MAILNAMES}/{D}"), auth(sb)[0].get(D)))
     # the storage root from creation to removal; the login status follows the switches
-    assert seen == [(True, 0)] * 7 + [(True, 1)] + [(True, 0)] * 3 + [(False, None)]
+    assert seen == [(True, 0)] * 8 + [(True, 1)] + [(True, 0)] * 3 + [(False, None)]
     assert auth(sb)[1] == set()
 
 

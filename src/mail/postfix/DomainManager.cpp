@@ -8,6 +8,8 @@
 #include "utils/dbconnect.h"
 #include "utils/sh_quoting.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <exception>
 #include <functional>
@@ -193,11 +195,23 @@ void enableWith(BatchDatabaseHelper &batch, const std::string &domain, const Rec
     batch.addChanges(tables::virtual_addresses, records.begin(), records.end());
 }
 
+// A directory, not an alias's link, of the domain's name in the mail store.
+bool isDomainRoot(const std::string &domain)
+{
+    struct stat st;
+    return ::lstat(MaildirManager::getDomainRoot(domain).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
 // An alias of the same name always leaves its standard addresses in
 // "virtual"; without them there is nothing of it to purge, and the rewrite of
-// the whole table (seconds on a large server) is skipped.
-void removeAliasLeftovers(const std::string &domain)
+// the whole table (seconds on a large server) is skipped. A name that already
+// has its own domain root is a domain added again, never an alias (an alias
+// has a link there or nothing): its records, those of its mailnames
+// included, stay.
+void removeAliasLeftovers(const std::string &domain, bool hadRoot)
 {
+    if (hadRoot)
+        return;
     if (aliasInTables(domain))
         DomainManager::removeDomainAlias(domain);
     else
@@ -209,16 +223,18 @@ void removeAliasLeftovers(const std::string &domain)
 void DomainManager::createDomain(const std::string &domain, long long quota, bool disabled)
 {
     MaildirPPManager &storage = MaildirPPManager::getInstance();
+    const bool hadRoot = isDomainRoot(domain);
     storage.createDomainRoot(domain);
     storage.setDomainQuota(domain, quota);
-    removeAliasLeftovers(domain);
+    removeAliasLeftovers(domain, hadRoot);
     createDomainRecord(domain, disabled);
 }
 
 void DomainManager::createDomain(const std::string &domain, bool disabled)
 {
+    const bool hadRoot = isDomainRoot(domain);
     MaildirManager::getInstance().createDomainRoot(domain);
-    removeAliasLeftovers(domain);
+    removeAliasLeftovers(domain, hadRoot);
     createDomainRecord(domain, disabled);
 }
 
