@@ -19,7 +19,7 @@ RECORDER = ("#!/bin/sh\n{ echo \"$HANDLER_NAME $RECIPIENT\"; env; grep '^Subject
 # recipient: (dsn, status, text in the log), messages in its own Maildir afterwards
 CASES = {
     "info": ("2.0.0", "sent", "delivered via zarnet service", 1),
-    "boss": ("2.0.0", "sent", "delivered via zarnet service", 2),  # its own and fwd's
+    "boss": ("2.0.0", "sent", "delivered via zarnet service", 3),  # its own, hello's, fwd's
     "fwd": ("2.0.0", "sent", "delivered via zarnet service", 1),
     "full": ("5.2.2", "bounced", "Mailbox is full", 0),
     "off": ("5.1.1", "bounced", "Mailbox is disabled", 0),
@@ -49,6 +49,8 @@ def mail(module_sandbox, panel_template):
         dom = db.insert("domains", name=D)
         for name in CASES:
             db.insert("mail", dom_id=dom, mail_name=name)
+        db.query("INSERT INTO mail_aliases (mn_id, alias) SELECT id, 'hello' FROM mail "
+                 "WHERE mail_name = 'boss'")
         sb.init_auth_db()
         sb.mailtend("--add-domain", f"--domain-name={D}").expect()
         for name in CASES:
@@ -61,6 +63,8 @@ def mail(module_sandbox, panel_template):
         sb.mailtend("--add-redirect", f"--domain-name={D}", "--mailname=fwd",
                     f"--redirect-email=boss@{D}").expect()
         sb.mailtend("--set-autoresponder", "--mailname=auto", f"--domain-name={D}").expect()
+        sb.mailtend("--add-alias", f"--domain-name={D}", "--mailname=boss", "--alias=hello").expect()
+        sb.mailtend("--add-badmailfrom", "--domain-name=spam.example").expect()
     sb.write(f"{HOME}/auto/.autoresponder", "Away until Monday.\n", uid=30110, gid=30110)
     sb.remove(f"{HOME}/gone/.qmail")
     sb.remove(f"{HOME}/link/.qmail")
@@ -81,20 +85,21 @@ def mail(module_sandbox, panel_template):
 
     sb.run([SETUP_PATH]).check()  # the delivery transport, as a real server gets it
     sb.start_postfix()
-    for name in [*CASES, "auto"]:
+    for name in [*CASES, "auto", "hello"]:
         sb.run(["sendmail", "-f", SENDER, f"{name}@{D}"], stdin=(
             f"From: {SENDER}\nTo: {name}@{D}\nSubject: for {name}\n"
             f"Message-ID: <{name}.1@localhost>\n\nhello {name}\n")).check()
     # every recipient settled, auto and the forward's copy to boss twice; the four notices and
     # the reply delivered to root
-    assert wait_for(lambda: len([o for o in outcomes(sb) if o[0].endswith(D)]) == len(CASES) + 2
+    assert wait_for(lambda: len([o for o in outcomes(sb) if o[0].endswith(D)]) == len(CASES) + 3
                     and len([o for o in outcomes(sb) if o[0] == SENDER]) == 5, 60), \
         sb.read_text(POSTFIX_LOG)
     return sb
 
 
 def outcomes(sb):
-    return re.findall(r"to=<([^>]+)>, relay=(\w+).*dsn=([\d.]+), status=(\w+) \((.*)\)",
+    return re.findall(r"\bto=<([^>]+)>, (?:orig_to=<[^>]+>, )?relay=(\w+).*dsn=([\d.]+), "
+                      r"status=(\w+) \((.*)\)",
                       sb.read_text(POSTFIX_LOG))
 
 
@@ -130,8 +135,8 @@ def test_handlers_run_in_order_once_with_their_context_and_nothing_else(mail):
         "dom", "rec"]
     # the domain's handler saw every message that reached the handlers
     ran = sorted(re.findall(rf"^5-dom-\S+ (\w+)@{D}$", mail.read_text("/tmp/dom"), re.M))
-    assert ran == sorted(["info", "boss", "fwd", "boss", "full", "refused", "dropped", "auto",
-                          "auto"])
+    assert ran == sorted(["info", "boss", "boss", "fwd", "boss", "full", "refused", "dropped",
+                          "auto", "auto"])
 
 
 def test_autoresponder_answers_once_with_the_null_sender(mail):
@@ -141,3 +146,9 @@ def test_autoresponder_answers_once_with_the_null_sender(mail):
     assert "Away until Monday." in replies[0] and "In-Reply-To: <auto.1@localhost>" in replies[0]
     assert "\nReturn-Path: <>\n" in replies[0]
     assert mail.read_text(f"{HOME}/auto/.autoresponder-sent") == SENDER + "\n"
+
+
+def test_black_listed_sender_is_refused(mail):
+    r = mail.run(["swaks", "--server", "127.0.0.1", "--quit-after", "RCPT", "--from",
+                  "someone@Spam.Example", "--to", f"info@{D}"])
+    assert r.rc == 24 and "554 5.7.1 <someone@Spam.Example>: Sender address rejected" in r.out, r

@@ -115,3 +115,5 @@ def test_setup_makes_a_stock_server_serve(sandbox, panel_template):
     assert wait_for(lambda: len(sb.listdir(new)) == 1, 20), sb.read_text("/var/log/postfix.log")
     assert mail_logins(sb, "info@example.com", "s3cret") == "1 1"
     assert mail_logins(sb, "info@example.com", "wrong") == "error"
+    sb.mailtend("--remove-mailbox", "--domain-name=example.com", INFO).expect()
+    assert mail_logins(sb, "info@example.com", "s3cret") == "error"
