@@ -193,6 +193,12 @@ def test_alias_link_never_replaces_or_follows_what_is_not_its_own(host):
     sb.mailtend("--add-domain-alias", D_ARG, "--domain-alias-name=taken.example", "--set-reject").expect(
         1, taken, taken)
     assert (records(sb, "taken.example"), sb.tree(f"{MAILNAMES}/taken.example")) == ({}, {"keep": "mine\n"})
+    # another domain's alias keeps its link: its logins must not move
+    sb.mailtend("--add-domain", "--domain-name=other.example").expect()
+    r = sb.mailtend("--add-domain-alias", "--domain-name=other.example",
+                    "--domain-alias-name=gone.example", "--set-reject")
+    assert (r.rc, links(sb)["gone.example"]) == (1, D), r
+    sb.mailtend("--remove-domain", "--domain-name=other.example").expect()
     # a link where a domain root is expected goes, what it points at stays; the domain's
     # alias links go with it
     sb.write("/var/canary/mail", "keep\n")

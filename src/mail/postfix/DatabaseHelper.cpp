@@ -95,16 +95,20 @@ public:
     explicit ChangeStamp(const std::string &table)
         : path_(DatabaseHelper::sourcePath(table) + indexSuffix(table))
     {
-        known_ = !indexSuffix(table).empty() && ::stat(path_.c_str(), &before_) == 0;
+        known_ = !indexSuffix(table).empty() &&
+                 ::fstatat(AT_FDCWD, path_.c_str(), &before_, AT_SYMLINK_NOFOLLOW) == 0 &&
+                 S_ISREG(before_.st_mode);
     }
 
     void changed() const
     {
         struct stat after;
-        if (!known_ || ::stat(path_.c_str(), &after) != 0 || after.st_mtime > before_.st_mtime)
+        if (!known_ || ::fstatat(AT_FDCWD, path_.c_str(), &after, AT_SYMLINK_NOFOLLOW) != 0 ||
+            !S_ISREG(after.st_mode) || after.st_mtime > before_.st_mtime)
             return; // new (no daemon had it open), gone, or visibly changed
         const struct timespec times[2] = {{0, UTIME_OMIT}, {before_.st_mtime + 1, 0}};
-        if (::utimensat(AT_FDCWD, path_.c_str(), times, 0) != 0)
+        // never through a link planted where the index was
+        if (::utimensat(AT_FDCWD, path_.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
             throwSystemError("utimensat " + path_, errno);
     }
 

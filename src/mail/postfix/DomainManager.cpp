@@ -220,21 +220,21 @@ void removeAliasLeftovers(const std::string &domain, bool hadRoot)
 
 } // namespace
 
+// The leftovers go before the root replaces the alias's link: a run that
+// fails after that must still find them on its retry.
 void DomainManager::createDomain(const std::string &domain, long long quota, bool disabled)
 {
     MaildirPPManager &storage = MaildirPPManager::getInstance();
-    const bool hadRoot = isDomainRoot(domain);
+    removeAliasLeftovers(domain, isDomainRoot(domain));
     storage.createDomainRoot(domain);
     storage.setDomainQuota(domain, quota);
-    removeAliasLeftovers(domain, hadRoot);
     createDomainRecord(domain, disabled);
 }
 
 void DomainManager::createDomain(const std::string &domain, bool disabled)
 {
-    const bool hadRoot = isDomainRoot(domain);
+    removeAliasLeftovers(domain, isDomainRoot(domain));
     MaildirManager::getInstance().createDomainRoot(domain);
-    removeAliasLeftovers(domain, hadRoot);
     createDomainRecord(domain, disabled);
 }
 
@@ -273,9 +273,13 @@ void DomainManager::disableDomain(const std::string &domain)
     KeyList keys = standardKeys(domain);
     for (const std::string &alias : panelAliases(domain))
         keys.push_back(alias);
+    // The domain stops being hosted last: a failed step before leaves it
+    // whole, as the caller's rollback of the logins assumes.
+    {
+        BatchDatabaseHelper batch(true, true);
+        batch.removeChanges(tables::virtual_addresses, keys);
+    }
     DatabaseHelper::removeRecord(tables::virtual_domains, domain);
-    BatchDatabaseHelper batch(true, true);
-    batch.removeChanges(tables::virtual_addresses, keys);
 }
 
 void DomainManager::createStandardDomainAddresses(BatchDatabaseHelper &batch,

@@ -2,6 +2,7 @@
 
 #include "utils/ExSystemError.h"
 #include "utils/FdOwner.h"
+#include "utils/UtilityErrorStream.h"
 #include "utils/dir_walk.h"
 #include "utils/fd_io.h"
 #include "utils/file_tree.h"
@@ -18,7 +19,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <exception>
+#include <ostream>
 #include <vector>
 
 namespace fs = boost::filesystem;
@@ -149,16 +152,20 @@ bool dropLink(int top, const std::string &name, const fs::path &path)
 
 // The names of the alias links in the root whose target is exactly target
 // (a name beginning with "." is no domain's: a link being placed).
+// Where the link name in dir points; "" when it is no link.
+std::string linkTarget(int dir, const char *name)
+{
+    char text[512];
+    const ssize_t n = ::readlinkat(dir, name, text, sizeof text);
+    return n > 0 ? std::string(text, static_cast<size_t>(n)) : std::string();
+}
+
 std::vector<std::string> linksTo(int top, const std::string &target)
 {
     std::vector<std::string> names;
     const int fd = fd_io::openat_retry(top, ".", O_RDONLY | O_DIRECTORY);
     const dir_walk::Result r = dir_walk::each_entry(fd, [&](const dir_walk::Entry &e) {
-        if (e.name[0] == '.')
-            return true;
-        char text[512];
-        const ssize_t n = ::readlinkat(e.dir, e.name, text, sizeof text);
-        if (n >= 0 && target.compare(0, std::string::npos, text, static_cast<size_t>(n)) == 0)
+        if (e.name[0] != '.' && linkTarget(e.dir, e.name) == target)
             names.emplace_back(e.name);
         return true;
     });
@@ -312,12 +319,11 @@ void MaildirManager::renameDomainRoot(const std::string &oldDomain,
     const std::vector<std::string> aliases = linksTo(top.get(), oldDomain);
     fs::rename(from, to);
     std::size_t moved = 0;
-    try {
-        for (; moved < aliases.size(); ++moved)
-            placeLink(top.get(), newDomain, aliases[moved], getDomainRoot(aliases[moved]));
-    } catch (...) {
-        const int code = errno;
-        ::renameat(top.get(), newDomain.c_str(), top.get(), oldDomain.c_str());
+    const auto putBack = [&](int code) {
+        if (::renameat(top.get(), newDomain.c_str(), top.get(), oldDomain.c_str()) != 0)
+            zarnet::uerr << "CRITICAL ERROR: the mail storage of " << oldDomain
+                         << " could not be moved back from " << to.string() << ": "
+                         << std::strerror(errno) << std::endl;
         while (moved-- > 0) {
             try {
                 placeLink(top.get(), oldDomain, aliases[moved], getDomainRoot(aliases[moved]));
@@ -325,6 +331,15 @@ void MaildirManager::renameDomainRoot(const std::string &oldDomain,
             }
         }
         errno = code;
+    };
+    try {
+        for (; moved < aliases.size(); ++moved)
+            placeLink(top.get(), newDomain, aliases[moved], getDomainRoot(aliases[moved]));
+    } catch (const fs::filesystem_error &e) {
+        putBack(e.code().value()); // errno is the cleanup's by now
+        throw;
+    } catch (...) {
+        putBack(errno);
         throw;
     }
 }
@@ -387,6 +402,9 @@ bool MaildirManager::createDomainAliasLink(const std::string &domain,
     checkComponent(alias, link);
     const FdOwner top = openMailnamesRoot();
     const bool fresh = !isLink(top.get(), alias);
+    // Another domain's alias: its logins must not move with a mistaken call.
+    if (!fresh && linkTarget(top.get(), alias.c_str()) != domain)
+        throwFs("domain alias link", link, EEXIST);
     placeLink(top.get(), domain, alias, link);
     return fresh;
 }

@@ -139,8 +139,10 @@ void ensureRuntimeConfig()
 void ensureCourierLink()
 {
     struct stat st;
-    if (::lstat("/etc/courier-imap", &st) == 0 || errno != ENOENT)
+    if (::lstat("/etc/courier-imap", &st) == 0)
         return;
+    if (errno != ENOENT)
+        throwSystemError("lstat /etc/courier-imap");
     if (::stat("/etc/courier", &st) != 0 || !S_ISDIR(st.st_mode))
         return;
     if (::symlink("courier", "/etc/courier-imap") != 0)

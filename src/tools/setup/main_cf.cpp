@@ -27,14 +27,26 @@ struct Wanted {
 // A list still at Postfix's built-in default, when that default is nothing
 // or only a reference to another parameter, holds nothing of the operator's:
 // the element replaces it. Any other list keeps what it has.
+// The parameter "$name" or "${name}" refers to.
+std::string referenced(const std::string &reference)
+{
+    std::string name = reference.substr(1);
+    if (name.size() >= 2 && name.front() == '{' && name.back() == '}')
+        name = name.substr(1, name.size() - 2);
+    return name;
+}
+
 std::string withElement(const pf::MainCfManager &mainCf, const Wanted &w,
                         const std::string &current)
 {
     const std::vector<std::string> elements = pf::MainCfManager::splitSimpleList(current);
     if (std::find(elements.begin(), elements.end(), w.value) != elements.end())
         return current;
+    // A default reference to a parameter that holds something (the operator's
+    // virtual_mailbox_maps behind virtual_mailbox_domains) is kept.
     if (elements.empty() || (elements.size() == 1 && elements[0][0] == '$' &&
-                             current == mainCf.getStringValue(w.name, true)))
+                             current == mainCf.getStringValue(w.name, true) &&
+                             mainCf.getStringValue(referenced(elements[0]), false).empty()))
         return w.value;
     return current + ", " + w.value;
 }

@@ -34,14 +34,18 @@ bool startsWith(const std::string &s, const char *prefix)
 bool valueOf(const std::string &line, const std::string &key, const SettingsSyntax &syntax,
              std::string *value)
 {
-    if (line.size() <= key.size() || line.compare(0, key.size(), key) != 0)
+    if (line.compare(0, key.size(), key) != 0)
         return false;
     std::string::size_type at = key.size();
+    // "KEY" alone on its line sets the key to nothing: it is still that key's line.
+    const char next = at < line.size() ? line[at] : '\n';
     if (syntax.separator == ' ') {
-        if (line[at] != ' ' && line[at] != '\t')
+        if (next != ' ' && next != '\t' && next != '\n' && next != '\r')
             return false;
-    } else if (line[at++] != syntax.separator) {
+    } else if (next != syntax.separator) {
         return false;
+    } else {
+        ++at;
     }
     const std::string::size_type first = line.find_first_not_of(blanks, at);
     const std::string::size_type last = line.find_last_not_of(" \t\r\n");

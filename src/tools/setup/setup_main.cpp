@@ -4,6 +4,8 @@
 // 2 usage error.
 #include "tools/setup/setup_steps.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -50,6 +52,9 @@ int main(int argc, char **argv)
         std::fputs(usage_line, stderr);
         return 2;
     }
+    // What it creates gets the modes it names, whatever the caller's umask:
+    // a hardened 077 would lock the mailbox owner out of new parents.
+    ::umask(022);
     MailIds ids;
     // Everything main.cf names exists before main.cf names it, so the
     // server switches over in the last step or not at all.

@@ -25,6 +25,8 @@ TEST(SettingsFile, KeysSetOtherLinesKept)
          {"B\ttwo words"}},
         {"a last line without a line feed gets one before an addition", colonSyntax,
          "A:1", "A:1\nB: two words\n", {"B: two words"}},
+        {"a key alone on its line is that key's line, not a stranger", blankSyntax, "A\nB two words\n",
+         "A\t1\nB two words\n", {"A\t1"}},
         {"a separator the syntax does not use sets nothing", shellSyntax, "A: 1\n",
          "A: 1\nA=1\nB=two words\n", {"A=1", "B=two words"}},
     };
