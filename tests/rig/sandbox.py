@@ -370,7 +370,7 @@ class Sandbox:
         real, count = REAL + program, f"{_RECORDS}/{os.path.basename(program)}.count"
         if not self.exists(real):
             self.write(real, self.read(program), mode=0o755)
-        self.write(count, "")
+        self.write(count, "", mode=0o666)  # callers may run unprivileged
         self.write(program, f"#!/bin/sh\necho >> {count}\n"
                    f'if [ "$(/usr/bin/wc -l < {count})" -eq {int(n)} ]; then\n'
                    f'  echo "{os.path.basename(program)}: fatal: injected failure" >&2; exit 1\n'

@@ -28,8 +28,12 @@ CASES = {
     "shell": ("4.3.0", "deferred", "holds a line that needs a shell", 0),
     "refused": ("5.7.1", "bounced", "go away", 0),
     "dropped": ("2.0.0", "sent", "delivered via zarnet service", 0),
-    "auto": ("2.0.0", "sent", "delivered via zarnet service", 2),
+    "auto": ("2.0.0", "sent", "delivered via zarnet service", 3),
+    "escape": ("4.3.0", "deferred", "outside the mailbox home: ../boss/Maildir/", 0),
+    "linknew": ("4.3.0", "deferred", "it is a symbolic link", 0),  # new/ leads to /tmp/elsewhere
+    "redir": ("4.3.0", "deferred", "injected failure", 0),  # its forward's sendmail fails
 }
+LATER = ("redir",)  # sent once the others settled, with a failing sendmail
 
 
 def handler(sb, name, exe, type_name, value, exit_code, priority="10"):
@@ -42,7 +46,7 @@ def handler(sb, name, exe, type_name, value, exit_code, priority="10"):
 @pytest.fixture(scope="module")
 def mail(module_sandbox, panel_template):
     """Postfix set up by the set-up program, delivering example.com through the agent; every case's mailbox set up; one message
-    sent to each (two to auto), all settled."""
+    sent to each (three to auto, the last one's reply failing), all settled."""
     sb = module_sandbox
     sb.install(built("MAILTEND_AUTORESPONDER_BIN", "autoresponder"), AUTORESPONDER)
     with PanelDB(sb, panel_template).start() as db:
@@ -60,8 +64,9 @@ def mail(module_sandbox, panel_template):
         sb.mailtend("--remove-mailbox", f"--domain-name={D}", "--mailname=off").expect()
         sb.mailtend("--set-mailbox-disk-quota", f"--domain-name={D}", "--mailname=full",
                     "--disk-quota=1").expect(out=None, err=None)
-        sb.mailtend("--add-redirect", f"--domain-name={D}", "--mailname=fwd",
-                    f"--redirect-email=boss@{D}").expect()
+        for name in ("fwd", "redir"):
+            sb.mailtend("--add-redirect", f"--domain-name={D}", f"--mailname={name}",
+                        f"--redirect-email=boss@{D}").expect()
         sb.mailtend("--set-autoresponder", "--mailname=auto", f"--domain-name={D}").expect()
         sb.mailtend("--add-alias", f"--domain-name={D}", "--mailname=boss", "--alias=hello").expect()
         sb.mailtend("--add-badmailfrom", "--domain-name=spam.example").expect()
@@ -71,6 +76,11 @@ def mail(module_sandbox, panel_template):
     sb.run(["ln", "-s", f"{HOME}/boss/.qmail", f"{HOME}/link/.qmail"]).check()
     sb.write(f"{HOME}/shell/.qmail", "./Maildir/\n| echo hi > /tmp/pwned\n", mode=0o600,
              uid=30110, gid=30110)
+    sb.write(f"{HOME}/escape/.qmail", "../boss/Maildir/\n", mode=0o600, uid=30110, gid=30110)
+    sb.run(["install", "-d", "-o", "30110", "/tmp/elsewhere"]).check()
+    sb.write(f"{HOME}/linknew/.qmail", "./Maildir/\n", mode=0o600, uid=30110, gid=30110)
+    sb.remove(f"{HOME}/linknew/Maildir/new")
+    sb.run(["ln", "-s", "/tmp/elsewhere", f"{HOME}/linknew/Maildir/new"]).check()
     handler(sb, "dom", "/usr/local/bin/dom", "recipient-domain", D, 0, priority="5")
     handler(sb, "rec", "/usr/local/bin/rec", "recipient", f"Info@{D}", 0)
     handler(sb, "off", "/usr/local/bin/off", "recipient", f"info@{D}", 0)
@@ -85,15 +95,29 @@ def mail(module_sandbox, panel_template):
 
     sb.run([SETUP_PATH]).check()  # the delivery transport, as a real server gets it
     sb.start_postfix()
-    for name in [*CASES, "auto", "hello"]:
-        sb.run(["sendmail", "-f", SENDER, f"{name}@{D}"], stdin=(
-            f"From: {SENDER}\nTo: {name}@{D}\nSubject: for {name}\n"
+
+    def send(name, sender=SENDER):
+        sb.run(["sendmail", "-f", sender, f"{name}@{D}"], stdin=(
+            f"From: {sender}\nTo: {name}@{D}\nSubject: for {name}\n"
             f"Message-ID: <{name}.1@localhost>\n\nhello {name}\n")).check()
+
+    def settled(ours, root):
+        assert wait_for(lambda: len([o for o in outcomes(sb) if o[0].endswith(D)]) == ours
+                        and len([o for o in outcomes(sb) if o[0] == SENDER]) == root, 60), \
+            sb.read_text(POSTFIX_LOG)
+
+    for name in [n for n in CASES if n not in LATER] + ["auto", "hello"]:
+        send(name)
     # every recipient settled, auto and the forward's copy to boss twice; the four notices and
     # the reply delivered to root
-    assert wait_for(lambda: len([o for o in outcomes(sb) if o[0].endswith(D)]) == len(CASES) + 3
-                    and len([o for o in outcomes(sb) if o[0] == SENDER]) == 5, 60), \
-        sb.read_text(POSTFIX_LOG)
+    settled(len(CASES) - len(LATER) + 3, 5)
+    # the second sendmail call is the delivery's: the forward, then the autoresponder's reply
+    for name, sender, ours in (("redir", SENDER, len(CASES) + 3), ("auto", "other@localhost",
+                                                                   len(CASES) + 4)):
+        sb.fail_call("/usr/sbin/sendmail", 2)
+        send(name, sender)
+        settled(ours, 5)
+        sb.restore("/usr/sbin/sendmail")
     return sb
 
 
@@ -113,7 +137,7 @@ def test_each_recipient_ends_as_its_mailbox_says(mail):
     counts = {name: len(mail.listdir(f"{HOME}/{name}/Maildir/new")) for name in CASES}
     assert counts == {name: case[3] for name, case in CASES.items()}
     assert not any(mail.listdir(f"{HOME}/{name}/Maildir/tmp") for name in CASES)
-    assert not mail.exists("/tmp/pwned")
+    assert not mail.exists("/tmp/pwned") and not mail.listdir("/tmp/elsewhere")
     forwarded = [t for t in mail.tree(f"{HOME}/boss/Maildir/new").values() if "hello fwd" in t]
     assert len(forwarded) == 1 and forwarded[0].startswith(f"Return-Path: <{SENDER}>\n")
 
@@ -136,7 +160,7 @@ def test_handlers_run_in_order_once_with_their_context_and_nothing_else(mail):
     # the domain's handler saw every message that reached the handlers
     ran = sorted(re.findall(rf"^5-dom-\S+ (\w+)@{D}$", mail.read_text("/tmp/dom"), re.M))
     assert ran == sorted(["info", "boss", "boss", "fwd", "boss", "full", "refused", "dropped",
-                          "auto", "auto"])
+                          "auto", "auto", "auto", "linknew", "redir"])
 
 
 def test_autoresponder_answers_once_with_the_null_sender(mail):
@@ -145,7 +169,8 @@ def test_autoresponder_answers_once_with_the_null_sender(mail):
     assert len(replies) == 1, box
     assert "Away until Monday." in replies[0] and "In-Reply-To: <auto.1@localhost>" in replies[0]
     assert "\nReturn-Path: <>\n" in replies[0]
-    assert mail.read_text(f"{HOME}/auto/.autoresponder-sent") == SENDER + "\n"
+    # recorded before the hand-over: the failed reply is not tried again
+    assert mail.read_text(f"{HOME}/auto/.autoresponder-sent") == SENDER + "\nother@localhost\n"
 
 
 def test_black_listed_sender_is_refused(mail):

@@ -8,10 +8,12 @@
 // out with the null sender, so nothing ever answers it, through the mail
 // server's sendmail by argument vector, with "Auto-Submitted:
 // auto-replied" and, when the message has a Message-ID, "In-Reply-To" and
-// "References". The sender is recorded only once the reply was handed over.
+// "References". The sender is recorded before the reply is handed over:
+// a sender is answered at most once, even when the hand-over fails.
 //
-// It always exits 0: a failing autoresponder must never bounce, defer or
-// lose the mail it answers. Failures are written to standard error.
+// It always exits 0, also when it gives up after 30 seconds: a failing
+// autoresponder must never bounce, defer or lose the mail it answers, nor
+// hold up its delivery. Failures are written to standard error.
 #include "tools/autoresponder/headers.h"
 #include "tools/autoresponder/sent_list.h"
 #include "utils/ProcessPipe.h"
@@ -24,6 +26,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -144,16 +147,29 @@ void answer()
     SentList sent(home + "/.autoresponder-sent");
     if (sent.contains(sender))
         return;
-    send(sender, compose(headers, sender, recipient, replyText(home + "/.autoresponder")));
+    const std::string reply =
+        compose(headers, sender, recipient, replyText(home + "/.autoresponder"));
     sent.add(sender);
+    send(sender, reply);
 }
 
 } // namespace
 
 } // namespace autoresponder
 
+namespace {
+
+void giveUp(int)
+{
+    ::_exit(0);
+}
+
+} // namespace
+
 int main()
 {
+    std::signal(SIGALRM, giveUp);
+    ::alarm(30);
     try {
         autoresponder::answer();
     } catch (const std::exception &e) {

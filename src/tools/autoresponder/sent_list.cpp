@@ -16,6 +16,7 @@ namespace autoresponder {
 namespace {
 
 const std::size_t max_list = 65536;
+const int max_lock_tries = 50;
 
 [[noreturn]] void fail(const std::string &path, const char *step, int err)
 {
@@ -29,8 +30,15 @@ SentList::SentList(const std::string &path)
 {
     if (!fd_.valid())
         fail(path_, "open", errno);
-    if (fd_io::retry_eintr([&] { return ::flock(fd_.get(), LOCK_EX); }) != 0)
-        fail(path_, "flock", errno);
+    // Bounded: a lock held for long means a stuck run, and waiting on it
+    // would hold up this delivery too.
+    for (int tries = 0;; ++tries) {
+        if (fd_io::retry_eintr([&] { return ::flock(fd_.get(), LOCK_EX | LOCK_NB); }) == 0)
+            break;
+        if (errno != EWOULDBLOCK || tries >= max_lock_tries)
+            fail(path_, "flock", errno);
+        ::usleep(100000);
+    }
     char buffer[8192];
     ssize_t n;
     while ((n = fd_io::read_retry(fd_.get(), buffer, sizeof buffer)) > 0 &&

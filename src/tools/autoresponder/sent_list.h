@@ -4,8 +4,9 @@
 // The file is opened with open_regular (never through a link, never
 // waiting on a FIFO), created 0600, and locked (flock) for the life of the
 // object, so two deliveries to the same mailbox cannot both answer one
-// sender. Its size is bounded: beyond 64 KiB it is emptied and the
-// answering starts over. Failures throw std::runtime_error.
+// sender; the lock is waited for about 5 seconds at most. Its size is
+// bounded: beyond 64 KiB it is emptied and the answering starts over.
+// Failures throw std::runtime_error.
 #ifndef MAILTEND_TOOLS_AUTORESPONDER_SENT_LIST_H
 #define MAILTEND_TOOLS_AUTORESPONDER_SENT_LIST_H
 

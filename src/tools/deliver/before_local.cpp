@@ -35,7 +35,14 @@ std::vector<std::string> entries(const std::string &dir, bool wantDirectories)
             return names;
         throw temporary("cannot read handler queue " + dir + ": " + std::strerror(errno));
     }
-    while (dirent *e = ::readdir(d.get())) {
+    for (;;) {
+        errno = 0;
+        const dirent *e = ::readdir(d.get());
+        if (e == nullptr) {
+            if (errno != 0)
+                throw temporary("cannot read handler queue " + dir + ": " + std::strerror(errno));
+            break;
+        }
         if (e->d_name[0] == '.')
             continue;
         struct stat st;
@@ -87,7 +94,8 @@ void skip(const std::string &name, const std::string &why)
 
 } // namespace
 
-Verdict runBeforeLocal(const std::string &sender, const Recipient &recipient, Spool &message)
+Verdict runBeforeLocal(const std::string &sender, const Recipient &recipient,
+                       const Spool &message)
 {
     const std::string root = handlers_root();
     const std::string hookDir = root + "/" + hook;
@@ -140,7 +148,8 @@ Verdict runBeforeLocal(const std::string &sender, const Recipient &recipient, Sp
                    "HANDLER_CONTEXT=" + context,
                    "HANDLER_NAME=" + name};
         run.cwd = "/";
-        run.input = message.rewound();
+        const zarnet::process::FdOwner input = message.open();
+        run.input = input.get();
         if (judgeProgram(runProgram(run), "handler " + name) == Verdict::Stop)
             return Verdict::Stop;
     }

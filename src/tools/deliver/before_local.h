@@ -12,8 +12,8 @@
 // Each runs through its "executable" link with the message on standard
 // input, in "/", with only PATH, SENDER, RECIPIENT, LOCAL, HOST,
 // HANDLER_HOOK, HANDLER_CONTEXT and HANDLER_NAME set, for at most 60
-// seconds; its verdict follows judgeProgram. A queue that cannot be read
-// is a temporary Failure: skipping it could let through mail a handler
+// seconds; its verdict follows judgeProgram. A queue that cannot be opened
+// or read to its end is a temporary Failure: skipping it could let through mail a handler
 // exists to stop.
 #ifndef MAILTEND_TOOLS_DELIVER_BEFORE_LOCAL_H
 #define MAILTEND_TOOLS_DELIVER_BEFORE_LOCAL_H
@@ -27,7 +27,8 @@
 namespace deliver {
 
 // Stop: a handler took the message; nothing more is to be done.
-Verdict runBeforeLocal(const std::string &sender, const Recipient &recipient, Spool &message);
+Verdict runBeforeLocal(const std::string &sender, const Recipient &recipient,
+                       const Spool &message);
 
 } // namespace deliver
 

@@ -4,10 +4,10 @@
 #include "tools/deliver/outcome.h"
 #include "tools/deliver/run_program.h"
 #include "utils/fd_io.h"
-#include "utils/liblog.h"
 #include "utils/mail_validate.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,14 +20,23 @@ namespace {
 
 const std::size_t max_dot_qmail = 65536;
 
-std::string readFile(const std::string &path)
+std::string readFile(const std::string &home, const std::string &path)
 {
     const int fd = fd_io::open_regular(path.c_str(), O_RDONLY | O_NONBLOCK);
     if (fd < 0) {
-        if (errno == ENOENT || errno == ENOTDIR)
-            throw noSuchUser("Mailbox does not exist");
+        const int err = errno;
+        // Only a home that is there without its .qmail refuses the mail: a
+        // missing home may be a volume that is not mounted yet.
+        if (err == ENOENT) {
+            struct stat st;
+            if (::lstat(home.c_str(), &st) != 0)
+                throw temporary("mailbox home " + home + " not found: " + std::strerror(errno));
+            if (S_ISDIR(st.st_mode))
+                throw noSuchUser("Mailbox does not exist");
+            throw temporary("mailbox home " + home + " is not a directory");
+        }
         throw temporary(path + " not opened: " +
-                        (errno == ELOOP ? "it is a symbolic link" : fd_io::open_error_text(errno)));
+                        (err == ELOOP ? "it is a symbolic link" : fd_io::open_error_text(err)));
     }
     std::string text;
     char buffer[8192];
@@ -51,7 +60,7 @@ std::vector<std::string> baseEnvironment(const std::string &sender, const Recipi
 
 std::string findProgram(const std::string &word)
 {
-    if (word.find('/') != std::string::npos)
+    if (word[0] == '/')
         return word;
     for (const char *dir : {"/usr/bin/", "/bin/"})
         if (::access((dir + word).c_str(), X_OK) == 0)
@@ -60,19 +69,20 @@ std::string findProgram(const std::string &word)
 }
 
 ProgramResult runLine(const QmailLine &line, const std::string &sender, const Recipient &r,
-                      Spool &message)
+                      const Spool &message)
 {
     ProgramRun run;
     run.path = findProgram(line.words[0]);
     run.args.assign(line.words.begin() + 1, line.words.end());
     run.env = baseEnvironment(sender, r);
     run.cwd = r.home;
-    run.input = message.rewound();
+    const zarnet::process::FdOwner input = message.open();
+    run.input = input.get();
     return runProgram(run);
 }
 
 void quotaDelivery(const QmailLine &line, const std::string &sender, const Recipient &r,
-                   Spool &message)
+                   const Spool &message)
 {
     const ProgramResult result = runLine(line, sender, r, message);
     if (result.exitCode == 0)
@@ -84,8 +94,10 @@ void quotaDelivery(const QmailLine &line, const std::string &sender, const Recip
 }
 
 void forward(const std::vector<std::string> &addresses, const std::string &sender,
-             bool stored, const Recipient &r, Spool &message)
+             const Recipient &r, const Spool &message)
 {
+    if (addresses.empty())
+        return;
     ProgramRun run;
     run.path = sendmail_path;
     // An empty -f argument is the null sender, so a forwarded notice is not
@@ -94,15 +106,13 @@ void forward(const std::vector<std::string> &addresses, const std::string &sende
     run.args.insert(run.args.end(), addresses.begin(), addresses.end());
     run.env = {safePath};
     run.cwd = "/";
-    run.input = message.rewound();
+    const zarnet::process::FdOwner input = message.open();
+    run.input = input.get();
     const ProgramResult result = runProgram(run);
     if (!result.timedOut && !result.signalled && result.exitCode == 0)
         return;
-    const std::string why = "forwarding mail for " + r.address + " failed" +
-                            (result.firstLine.empty() ? std::string() : ": " + result.firstLine);
-    if (!stored)
-        throw temporary(why);
-    zarnet_log(3, "%s (the message was stored in the mailbox)", why.c_str());
+    throw temporary("forwarding mail for " + r.address + " failed" +
+                    (result.firstLine.empty() ? std::string() : ": " + result.firstLine));
 }
 
 } // namespace
@@ -110,7 +120,7 @@ void forward(const std::vector<std::string> &addresses, const std::string &sende
 std::vector<QmailLine> readDotQmail(const Recipient &recipient)
 {
     const std::string path = recipient.home + "/.qmail";
-    const std::string text = readFile(path);
+    const std::string text = readFile(recipient.home, path);
     std::vector<QmailLine> lines;
     bool delivers = false;
     std::string::size_type start = 0;
@@ -141,11 +151,18 @@ std::vector<QmailLine> readDotQmail(const Recipient &recipient)
             delivers = true;
             break;
         }
-        case QmailLine::QuotaMaildir:
         case QmailLine::Maildir:
+            if (!staysInHome(line.target))
+                throw temporary(path + " delivers to a Maildir outside the mailbox home: " +
+                                line.target);
+            delivers = true;
+            break;
+        case QmailLine::QuotaMaildir:
             delivers = true;
             break;
         case QmailLine::Program:
+            if (line.words[0][0] != '/' && line.words[0].find('/') != std::string::npos)
+                throw temporary(path + " runs a program by a relative path: " + line.words[0]);
             break;
         }
         lines.push_back(line);
@@ -156,28 +173,49 @@ std::vector<QmailLine> readDotQmail(const Recipient &recipient)
 }
 
 void carryOut(const std::vector<QmailLine> &lines, const std::string &sender,
-              const Recipient &recipient, Spool &message)
+              const Recipient &recipient, const Spool &message)
 {
-    std::vector<std::string> forwards;
-    bool stored = false;
+    std::vector<std::string> all, seen;
+    for (const QmailLine &line : lines)
+        if (line.kind == QmailLine::Forward)
+            all.push_back(line.target);
+    bool forwarded = false, stored = false;
     for (const QmailLine &line : lines) {
-        if (line.kind == QmailLine::Forward) {
-            forwards.push_back(line.target);
-        } else if (line.kind == QmailLine::QuotaMaildir) {
-            quotaDelivery(line, sender, recipient, message);
+        try {
+            if (line.kind == QmailLine::Forward) {
+                seen.push_back(line.target);
+                continue;
+            }
+            if (line.kind == QmailLine::Program) {
+                if (judgeProgram(runLine(line, sender, recipient, message),
+                                 ".qmail program " + line.words[0]) == Verdict::Go)
+                    continue;
+                if (!forwarded)
+                    forward(seen, sender, recipient, message);
+                return;
+            }
+            if (!forwarded) {
+                // Before the first copy is stored, so that a failure here
+                // defers with nothing stored yet.
+                forward(all, sender, recipient, message);
+                forwarded = true;
+            }
+            if (line.kind == QmailLine::QuotaMaildir)
+                quotaDelivery(line, sender, recipient, message);
+            else
+                deliverToMaildir(recipient.home, line.target, message);
             stored = true;
-        } else if (line.kind == QmailLine::Maildir) {
-            const std::string dir =
-                line.target[0] == '/' ? line.target : recipient.home + "/" + line.target;
-            deliverToMaildir(dir, message.rewound(), message.size());
-            stored = true;
-        } else if (judgeProgram(runLine(line, sender, recipient, message),
-                                ".qmail program " + line.words[0]) == Verdict::Stop) {
-            break;
+        } catch (const std::exception &e) {
+            // A retry or a bounce now would deliver the stored copy again
+            // or deny a delivery that happened.
+            if (!stored)
+                throw;
+            note("mailtend-deliver: " + recipient.address + ": after the message was stored: " +
+                 e.what());
         }
     }
-    if (!forwards.empty())
-        forward(forwards, sender, stored, recipient, message);
+    if (!forwarded)
+        forward(all, sender, recipient, message);
 }
 
 } // namespace deliver

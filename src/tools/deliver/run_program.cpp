@@ -7,13 +7,16 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <functional>
 #include <memory>
 
 namespace deliver {
@@ -57,11 +60,18 @@ ProgramResult runProgram(const ProgramRun &run)
 
     ProgramResult result;
     std::unique_ptr<ProcessLaunch> child;
+    const pid_t parent = ::getpid();
+    // No program outlives the run: a program left behind by a killed or
+    // finished delivery could still write into its mailbox.
+    const std::function<void()> tieToParent = [parent] {
+        if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent)
+            ::_exit(EX_TEMPFAIL);
+    };
     try {
         child.reset(new ProcessLaunch(cargv.data(), run.path.c_str(),
                                       run.cwd.empty() ? nullptr : run.cwd.c_str(), cenv.data(),
-                                      true, false, true, {}, run.input, ProcessLaunch::FD_PIPE,
-                                      ProcessLaunch::FD_SAME_AS_STDOUT));
+                                      true, false, true, tieToParent, run.input,
+                                      ProcessLaunch::FD_PIPE, ProcessLaunch::FD_SAME_AS_STDOUT));
         child->waitExec();
     } catch (const std::exception &e) {
         throw temporary("cannot run " + run.path + ": " + e.what());
@@ -73,6 +83,7 @@ ProgramResult runProgram(const ProgramRun &run)
     const double deadline = now() + run.seconds;
     bool lineDone = false, open = true, reaped = false;
     int status = 0;
+    char buffer[4096];
     while (!reaped) {
         if (now() >= deadline) {
             ::kill(-pid, SIGKILL);
@@ -83,26 +94,34 @@ ProgramResult runProgram(const ProgramRun &run)
         if (open) {
             pollfd p{out, POLLIN, 0};
             ::poll(&p, 1, 50);
-            char buffer[4096];
-            ssize_t n;
-            while ((n = ::read(out, buffer, sizeof buffer)) > 0)
+            // One read a cycle: a program that never stops writing still
+            // meets the deadline check above.
+            const ssize_t n = ::read(out, buffer, sizeof buffer);
+            if (n > 0)
                 keep(result.firstLine, lineDone, buffer, n);
-            if (n == 0)
+            else if (n == 0)
                 open = false;
         } else {
             ::poll(nullptr, 0, 20);
         }
         const pid_t got = fd_io::retry_eintr([&] { return ::waitpid(pid, &status, WNOHANG); });
         reaped = got == pid;
-        if (got < 0)
-            throw temporary("cannot wait for " + run.path + ": " + std::strerror(errno));
+        if (got < 0) {
+            const int saved = errno;
+            ::kill(-pid, SIGKILL);
+            throw temporary("cannot wait for " + run.path + ": " + std::strerror(saved));
+        }
     }
-    // What it wrote just before it ended; a descendant that keeps the pipe
-    // open is not waited for.
-    char buffer[4096];
-    ssize_t n;
-    while (open && (n = ::read(out, buffer, sizeof buffer)) > 0)
+    // The session is the program's alone: whatever it left running goes too.
+    ::kill(-pid, SIGKILL);
+    // What it wrote just before it ended, bounded: the pipe may still hold a
+    // lot.
+    for (int i = 0; open && i < 16; ++i) {
+        const ssize_t n = ::read(out, buffer, sizeof buffer);
+        if (n <= 0)
+            break;
         keep(result.firstLine, lineDone, buffer, n);
+    }
     if (WIFSIGNALED(status))
         result.signalled = true;
     else

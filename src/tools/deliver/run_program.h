@@ -3,11 +3,13 @@
 //
 // The program starts in a session of its own with exactly the given
 // environment (no shell, no path search: path is used as given, after the
-// change of directory). Its standard output and error are read together;
-// only the first line is kept (at most 512 bytes, control characters
-// dropped), the rest is discarded so a chatty program never blocks. At the
-// time limit the whole process group is killed. A program that cannot be
-// started throws a temporary Failure naming it.
+// change of directory), and is killed should this process die first. Its
+// standard output and error are read together; only the first line is
+// kept (at most 512 bytes, control characters dropped), the rest is
+// discarded so a chatty program never blocks, and reading never holds the
+// run past the time limit. At the time limit, and once the program itself
+// has ended, its whole process group is killed: nothing it started lingers.
+// A program that cannot be started throws a temporary Failure naming it.
 #ifndef MAILTEND_TOOLS_DELIVER_RUN_PROGRAM_H
 #define MAILTEND_TOOLS_DELIVER_RUN_PROGRAM_H
 

@@ -28,7 +28,7 @@ Spool::Spool(int from)
     zarnet::process::FdOwner writer(::mkostemp(name, O_CLOEXEC));
     if (!writer.valid())
         throw temporary(why("mkstemp"));
-    reader_.reset(fd_io::open_retry(name, O_RDONLY | O_NOFOLLOW));
+    reader_.reset(fd_io::open_retry(name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     const int saved = errno;
     ::unlink(name);
     errno = saved;
@@ -52,11 +52,30 @@ Spool::Spool(int from)
         throw temporary(why("close"));
 }
 
-int Spool::rewound()
+zarnet::process::FdOwner Spool::open() const
 {
-    if (::lseek(reader_.get(), 0, SEEK_SET) != 0)
-        throw temporary(why("lseek"));
-    return reader_.get();
+    const std::string self = "/proc/self/fd/" + std::to_string(reader_.get());
+    zarnet::process::FdOwner fd(fd_io::open_retry(self.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid())
+        throw temporary(why("reopen"));
+    return fd;
+}
+
+bool Spool::copyTo(int to) const
+{
+    char buffer[65536];
+    for (off_t at = 0;;) {
+        const ssize_t n = fd_io::retry_eintr(
+            [&] { return ::pread(reader_.get(), buffer, sizeof buffer, at); });
+        if (n <= 0)
+            return n == 0;
+        if (fd_io::write_all(to, buffer, static_cast<size_t>(n)) != n) {
+            if (errno == 0)
+                errno = ENOSPC;
+            return false;
+        }
+        at += n;
+    }
 }
 
 } // namespace deliver
