@@ -94,42 +94,43 @@ int courierStep(unsigned components, const char *action)
     return restart_daemon(courierService, action) != 0 ? 1 : 0;
 }
 
+// Start, stop and restart: the modules, the mail server, then the POP3/IMAP
+// servers. A module change is reloaded unless the mail server's own step
+// reads the new files anyway (stop and restart).
+int componentCommand(const Args &args, bool (*modules)(unsigned), int (*mta)(int, char **),
+                     bool reloadAfterMta, const char *courierAction)
+{
+    const unsigned components = getComponents(args);
+    const bool reload = modules(components);
+    int status = 0;
+    if (components & MC::mta)
+        status = mtaStep(mta);
+    if (reload && (reloadAfterMta || (components & MC::mta) == 0))
+        ServiceManager::reloadServer();
+    return status | courierStep(components, courierAction);
+}
+
 } // namespace
 
 int startService(const Args &args)
 {
-    const unsigned components = getComponents(args);
-    int status = 0;
-    const bool reload = checkEnablePostfixModules(components);
-    if (components & MC::mta)
-        status |= mtaStep([](int, char **) { return ServiceManager::startServer(); });
-    if (reload)
-        ServiceManager::reloadServer();
-    return status | courierStep(components, "start");
+    return componentCommand(args, checkEnablePostfixModules,
+                            [](int, char **) { return ServiceManager::startServer(); }, true,
+                            "start");
 }
 
 int stopService(const Args &args)
 {
-    const unsigned components = getComponents(args);
-    int status = 0;
-    const bool reload = checkDisablePostfixModules(components);
-    if (components & MC::mta)
-        status |= mtaStep([](int, char **) { return ServiceManager::stopServer(); });
-    else if (reload)
-        ServiceManager::reloadServer();
-    return status | courierStep(components, "stop");
+    return componentCommand(args, checkDisablePostfixModules,
+                            [](int, char **) { return ServiceManager::stopServer(); }, false,
+                            "stop");
 }
 
 int restartService(const Args &args)
 {
-    const unsigned components = getComponents(args);
-    int status = 0;
-    const bool reload = checkEnablePostfixModules(components);
-    if (components & MC::mta)
-        status |= mtaStep([](int, char **) { return ServiceManager::restartServer(); });
-    else if (reload)
-        ServiceManager::reloadServer();
-    return status | courierStep(components, "restart");
+    return componentCommand(args, checkEnablePostfixModules,
+                            [](int, char **) { return ServiceManager::restartServer(); }, false,
+                            "restart");
 }
 
 int reloadService(const Args &args)
