@@ -133,10 +133,9 @@ int printSizeParameter(const char *name)
 // The SMTP server takes no mail at all while the queue file system has less
 // than 1.5 times the limit free: a limit it cannot meet now would stop all
 // mail. A queue that cannot be measured is not judged.
-std::string queueSpaceProblem(const MainCfManager &mainCf, int64_t size)
+std::string queueSpaceProblem(const std::string &queue, int64_t size)
 {
     struct statvfs fs;
-    const std::string queue = mainCf.getStringValue("queue_directory", false);
     if (size == 0 || ::statvfs(queue.c_str(), &fs) != 0)
         return "";
     const long double room = static_cast<long double>(fs.f_bavail) * fs.f_frsize;
@@ -191,12 +190,12 @@ int setMaxLetterSize(const Args &args)
     const MainCfManager &mainCf = MainCfManager::getInstance();
     int64_t size = args.get<int64_t>("size");
     const std::string given = std::to_string(size);
-    const int64_t mailboxLimit =
-        boost::lexical_cast<int64_t>(mainCf.getStringValue("mailbox_size_limit", false));
+    ParameterValues current = mainCf.getStringValues({"mailbox_size_limit", "queue_directory"});
+    const int64_t mailboxLimit = boost::lexical_cast<int64_t>(current["mailbox_size_limit"]);
     if (size == 0)
         size = mailboxLimit;
     refuseValue(args, "letter size", given, zarnet::validate::letterSize(size, mailboxLimit));
-    refuseValue(args, "letter size", given, queueSpaceProblem(mainCf, size));
+    refuseValue(args, "letter size", given, queueSpaceProblem(current["queue_directory"], size));
     mainCf.replaceStringValue("message_size_limit", std::to_string(size));
     ServiceManager::reloadServer();
     return 0;

@@ -3,7 +3,7 @@
 import pytest
 
 from panel_db import PanelDB
-from sandbox import COURIER, MAIN_CF, POSTFIX_INIT, POSTFIX_LOG, TABLE_DIR, wait_for
+from sandbox import COURIER, MAIN_CF, POSTFIX_LOG, TABLE_DIR, wait_for
 
 POPLOCK, NO_RELAY = f"hash:{TABLE_DIR}/poplock", f"{TABLE_DIR}/no_relay.re"
 CONFIGS = [MAIN_CF] + [f"/etc/courier/{n}" for n in ("imapd", "imapd-ssl", "pop3d", "pop3d-ssl")]
@@ -47,7 +47,6 @@ def changed(sb, *args):
     reloads = sb.read_text(POSTFIX_LOG).count(": reload -- ")
     rc = sb.mailtend(*args).rc
     assert wait_for(lambda: sb.read_text(POSTFIX_LOG).count(": reload -- ") > reloads, 30)
-    sb.backdate_main_cf()
     sb.run(["postfix", "check"]).expect(0, "", "")
     return rc
 
@@ -76,13 +75,11 @@ def test_relay_modes(host):
     r = host.mailtend("--set-mail-params", "--relayclient", "--shortnames")
     assert (r.rc, [host.read(path) for path in CONFIGS]) == (1, before), r
 
-    # POP3/IMAP servers that fail to restart: no relay change, no reload
+    # POP3/IMAP servers that fail to restart: no relay change
     for name in COURIER:
         host.record(name, exit_code=1)
-    host.record(POSTFIX_INIT)
     r = host.mailtend("--set-mail-params", "--smtpauth")
-    assert (r.rc, host.read(MAIN_CF), host.calls(POSTFIX_INIT)) == (1, before[0], []), r
-    host.restore(POSTFIX_INIT)
+    assert (r.rc, host.read(MAIN_CF)) == (1, before[0]), r
 
 
 def test_maps_zones(host):
@@ -97,5 +94,4 @@ def test_maps_zones(host):
                             ([], None, "permit_mynetworks, check_policy_service unix:private/policy")]:
         r = host.mailtend("--set-maps-protection", *args)
         assert (r.rc, r.err if err else None) == (1 if err else 0, err), r
-        host.backdate_main_cf()
         assert host.postconf_h("smtpd_client_restrictions") == want, args

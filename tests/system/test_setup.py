@@ -70,7 +70,6 @@ def test_setup_makes_a_stock_server_serve(sandbox, panel_template):
     pw = next(line.split(":") for line in sb.read_text("/etc/passwd").splitlines()
               if line.startswith("popuser:"))
     assert (r.rc, r.out, r.err) == (0, EXPECTED.format(uid=pw[2], gid=pw[3]), ""), r
-    sb.backdate_main_cf()
     sb.run(["postfix", "check"]).expect(0, "", "")
     before = snapshot(sb)
     sb.run([SETUP]).expect(0, "", "")

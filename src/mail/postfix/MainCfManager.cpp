@@ -5,7 +5,11 @@
 #include "mail/postfix/postfix_tool.h"
 #include "utils/MKLock.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <ctime>
 
 namespace zarnet {
 namespace mail {
@@ -19,6 +23,33 @@ std::string trim(const std::string &s, const char *blanks)
     if (first == std::string::npos)
         return std::string();
     return s.substr(first, s.find_last_not_of(blanks) - first + 1);
+}
+
+std::vector<std::string> outputLines(const std::string &output)
+{
+    std::vector<std::string> lines;
+    std::string::size_type start = 0;
+    while (start < output.size()) {
+        std::string::size_type end = output.find('\n', start);
+        if (end == std::string::npos)
+            end = output.size();
+        lines.push_back(trim(output.substr(start, end - start), " \t\r"));
+        start = end + 1;
+    }
+    return lines;
+}
+
+// Only a file written in the last two seconds is moved: an older one makes
+// nobody wait, and one dated ahead was not written by the tool just now.
+void ageWrittenFile(const std::string &path)
+{
+    struct stat st;
+    const time_t now = ::time(nullptr);
+    if (::stat(path.c_str(), &st) != 0 || st.st_mtime > now || st.st_mtime < now - 2)
+        return;
+    const struct timespec times[2] = {{0, UTIME_OMIT}, {now - 2, 0}};
+    // A failure costs the readers their wait, nothing else.
+    (void)::utimensat(AT_FDCWD, path.c_str(), times, 0);
 }
 
 } // namespace
@@ -64,6 +95,32 @@ std::string MainCfManager::getStringValue(const std::string &name, bool defaultV
     return trim(value, " \t\r\n");
 }
 
+ParameterValues MainCfManager::getStringValues(const std::vector<std::string> &names) const
+{
+    ParameterValues values;
+    if (names.empty())
+        return values;
+    std::vector<std::string> args{"-h"};
+    args.insert(args.end(), names.begin(), names.end());
+    std::string output, errors;
+    const int status = runPostfixTool(configTool, args, process::InputSource(),
+                                      process::makeStringReceiver(output),
+                                      process::makeStringReceiver(errors));
+    if (!exitedZero(status))
+        throw PostfixConfigurationError(failureText(errors, status));
+    // One line per name in the order asked; anything else (an unknown name
+    // prints no line) is read name by name, which reports it as before.
+    const std::vector<std::string> lines = outputLines(output);
+    if (lines.size() != names.size() || !errors.empty()) {
+        for (const std::string &name : names)
+            values[name] = getStringValue(name, false);
+        return values;
+    }
+    for (std::vector<std::string>::size_type i = 0; i < names.size(); ++i)
+        values[names[i]] = lines[i];
+    return values;
+}
+
 void MainCfManager::replaceStringValue(const std::string &name, const std::string &value) const
 {
     MKLock lock(mainCf_);
@@ -87,6 +144,7 @@ void MainCfManager::writeValues(const ParameterValues &values) const
     const int status = runPostfixTool(configTool, args, process::InputSource(), collect, collect);
     if (!exitedZero(status))
         throw PostfixConfigurationError(failureText(output, status));
+    ageWrittenFile(mainCf_);
 }
 
 std::vector<std::string> MainCfManager::splitSimpleList(const std::string &value)
@@ -182,9 +240,7 @@ void MainCfManager::editValues(const std::vector<std::string> &names,
                                const std::function<void(ParameterValues &)> &edit) const
 {
     MKLock lock(mainCf_);
-    ParameterValues values;
-    for (const std::string &name : names)
-        values[name] = getStringValue(name, false);
+    ParameterValues values = getStringValues(names);
     edit(values);
     if (!values.empty())
         writeValues(values);

@@ -8,6 +8,11 @@
 // and trim each piece, so a piece may hold blanks ("check_client_access
 // pcre:/x"). Lists are written back joined with ", ".
 //
+// Postfix programs re-read a main.cf younger than about two seconds until it
+// has aged, a guard against files caught in the middle of an edit. The tool
+// replaces the file whole and under the lock, so after each write it dates
+// the file back out of that window: nothing waits for it.
+//
 // Throws PostfixConfigurationError with the tool's diagnostics (or "unknown
 // error"); process-layer and lock errors pass through.
 #ifndef MAILTEND_MAIL_POSTFIX_MAINCFMANAGER_H
@@ -47,6 +52,8 @@ public:
     // The value trimmed of surrounding white space; with defaultValue, the
     // built-in default instead of the configured value.
     std::string getStringValue(const std::string &name, bool defaultValue) const;
+    // The configured values of several parameters from one run of the tool.
+    ParameterValues getStringValues(const std::vector<std::string> &names) const;
     void replaceStringValue(const std::string &name, const std::string &value) const;
 
     void appendStringValue(const std::string &name, const std::string &value) const;

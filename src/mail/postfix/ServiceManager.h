@@ -1,5 +1,5 @@
-// Starting, stopping, reloading and watching the mail server through its
-// init script.
+// Starting, stopping and watching the mail server through its init script;
+// reloading it by a signal to its master process, as the script does.
 //
 // The server runs when the master process named in the master pid file has
 // its queue manager ("qmgr") as a child: the pid file outlives a stop, and
@@ -30,6 +30,9 @@ public:
     static int startServer();
     static int stopServer();
     static int restartServer();
+    // 0 when the running master was told to reload, 1 when none runs or the
+    // signal failed. It returns at once: the master re-reads its files and
+    // replaces idle processes after, open sessions end under the old ones.
     static int reloadServer();
 
     // Tests use their own script and pid file; empty restores the defaults.
