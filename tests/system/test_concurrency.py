@@ -34,7 +34,8 @@ def workload(w, count, seed=0):
     and what they leave: table keys, .qmail lines (its own, its in "info"), handlers, password."""
     rng, me = random.Random(f"{seed}:{w}"), f"m{w}"
     ops = [(["--add-handler", *handler("shared", "info")], {})]
-    want = {"table": [], "qmail": ["| true"], "info": [], "handlers": [], "login": None}
+    want = {"table": [], "qmail": ["| true"], "info": [], "handlers": [], "login": None,
+            "networks": []}
 
     def change(kind, key, add, command, *args, env=None):  # added lines go first, as in .qmail
         ops.append(([f"--{'add' if add else 'remove'}-{command}", *args], env or {}))
@@ -52,6 +53,9 @@ def workload(w, count, seed=0):
         elif kind == 3:
             add = f"h{w}k{k}" not in want["handlers"]
             change("handlers", f"h{w}k{k}", add, "handler", *handler(f"h{w}k{k}", me, add))
+        elif kind == 4:  # main.cf: a list every process edits
+            change("networks", f"10.{w}.{k}.0/24", add, "whitelist", f"--ip-address=10.{w}.{k}.0",
+                   "--netmask=24")
         else:
             mailbox, password = [f"--domain-name={DOMAIN}", f"--mailname={me}"], f"pw{w}.{i}"
             want["login"], env = password if add or k else None, {"ZRN_PASSWORD": password}
@@ -100,6 +104,8 @@ def verify(sb, loads, results):
         assert sb.read_text(f"{HOME}/m{w}/.qmail") == "".join(x + "\n" for x in want["qmail"]), w
     handlers = sorted(n.rsplit("-", 1)[0] for n in sb.listdir(f"{HANDLERS}/info"))
     assert handlers == sorted(["10-shared"] + [f"10-{h}" for w in wants for h in w["handlers"]])
+    networks = set(sb.postconf_h("mynetworks").replace(",", " ").split())
+    assert {n for n in networks if n.startswith("10.")} == {n for w in wants for n in w["networks"]}
     rows = sb.sqlite("SELECT name || ' ' || userPassword FROM users ORDER BY name;")
     assert rows.check().out.split("\n")[:-1] == sorted(
         f"m{w} {want['login']}" for w, want in enumerate(wants) if want["login"])

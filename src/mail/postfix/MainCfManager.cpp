@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 
 namespace zarnet {
@@ -69,12 +70,45 @@ MainCfManager &MainCfManager::getInstance()
     return instance;
 }
 
-MainCfManager::MainCfManager()
+MainCfManager::MainCfManager() = default;
+
+void MainCfManager::setConfigDirectory(const std::string &dir) const
 {
-    const std::string dir = getStringValue("config_directory", false);
     if (dir.empty())
         throw PostfixConfigurationError("unable to determine Postfix config_directory parameter");
     mainCf_ = dir + "/main.cf";
+}
+
+const std::string &MainCfManager::mainCfPath() const
+{
+    if (mainCf_.empty())
+        setConfigDirectory(getStringValue("config_directory", false));
+    return mainCf_;
+}
+
+// Where the tool finds main.cf when nothing says otherwise, as Postfix does.
+std::string MainCfManager::expectedMainCfPath()
+{
+    const char *env = ::getenv("MAIL_CONFIG");
+    return std::string(env != nullptr && *env != '\0' ? env : "/etc/postfix") + "/main.cf";
+}
+
+// The lock is keyed by main.cf's path, which only the tool can tell; the run
+// that reads the values tells it too. The lock taken on the expected path
+// stands when the tool agrees; otherwise the read is repeated under the
+// right one.
+ParameterValues MainCfManager::lockAndRead(const std::vector<std::string> &names,
+                                           std::unique_ptr<MKLock> &lock) const
+{
+    const std::string guess = mainCf_.empty() ? expectedMainCfPath() : mainCf_;
+    lock.reset(new MKLock(guess));
+    ParameterValues values = getStringValues(names);
+    if (mainCfPath() != guess) {
+        lock.reset();
+        lock.reset(new MKLock(mainCf_));
+        values = getStringValues(names);
+    }
+    return values;
 }
 
 std::string MainCfManager::getStringValue(const std::string &name, bool defaultValue) const
@@ -98,9 +132,13 @@ std::string MainCfManager::getStringValue(const std::string &name, bool defaultV
 ParameterValues MainCfManager::getStringValues(const std::vector<std::string> &names) const
 {
     ParameterValues values;
-    if (names.empty())
-        return values;
     std::vector<std::string> args{"-h"};
+    // The first run of a process learns main.cf's place on the way.
+    const bool learn = mainCf_.empty();
+    if (names.empty() && !learn)
+        return values;
+    if (learn)
+        args.push_back("config_directory");
     args.insert(args.end(), names.begin(), names.end());
     std::string output, errors;
     const int status = runPostfixTool(configTool, args, process::InputSource(),
@@ -111,19 +149,22 @@ ParameterValues MainCfManager::getStringValues(const std::vector<std::string> &n
     // One line per name in the order asked; anything else (an unknown name
     // prints no line) is read name by name, which reports it as before.
     const std::vector<std::string> lines = outputLines(output);
-    if (lines.size() != names.size() || !errors.empty()) {
+    if (lines.size() != args.size() - 1 || !errors.empty()) {
+        mainCfPath();
         for (const std::string &name : names)
             values[name] = getStringValue(name, false);
         return values;
     }
+    if (learn)
+        setConfigDirectory(lines[0]);
     for (std::vector<std::string>::size_type i = 0; i < names.size(); ++i)
-        values[names[i]] = lines[i];
+        values[names[i]] = lines[i + (learn ? 1 : 0)];
     return values;
 }
 
 void MainCfManager::replaceStringValue(const std::string &name, const std::string &value) const
 {
-    MKLock lock(mainCf_);
+    MKLock lock(mainCfPath());
     writeValue(name, value);
 }
 
@@ -195,8 +236,8 @@ std::string MainCfManager::joinList(const std::vector<std::string> &elements)
 // editing one list cannot lose each other's change.
 void MainCfManager::appendStringValue(const std::string &name, const std::string &value) const
 {
-    MKLock lock(mainCf_);
-    const std::string current = getStringValue(name, false);
+    std::unique_ptr<MKLock> lock;
+    const std::string current = lockAndRead({name}, lock)[name];
     const std::vector<std::string> elements = splitSimpleList(current);
     if (std::find(elements.begin(), elements.end(), value) != elements.end()) {
         // Only the network list is written back when already present.
@@ -209,8 +250,8 @@ void MainCfManager::appendStringValue(const std::string &name, const std::string
 
 void MainCfManager::removeListElement(const std::string &name, const std::string &value) const
 {
-    MKLock lock(mainCf_);
-    std::vector<std::string> elements = splitSimpleList(getStringValue(name, false));
+    std::unique_ptr<MKLock> lock;
+    std::vector<std::string> elements = splitSimpleList(lockAndRead({name}, lock)[name]);
     elements.erase(std::remove(elements.begin(), elements.end(), value), elements.end());
     writeValue(name, joinList(elements));
 }
@@ -224,8 +265,8 @@ void MainCfManager::appendCompoundStringValue(const std::string &name,
 void MainCfManager::filterStringValues(const std::string &name,
                                        const CompoundListFilter &filter) const
 {
-    MKLock lock(mainCf_);
-    writeValue(name, filteredList(getStringValue(name, false), filter));
+    std::unique_ptr<MKLock> lock;
+    writeValue(name, filteredList(lockAndRead({name}, lock)[name], filter));
 }
 
 std::string MainCfManager::filteredList(const std::string &value, const CompoundListFilter &filter)
@@ -239,8 +280,8 @@ std::string MainCfManager::filteredList(const std::string &value, const Compound
 void MainCfManager::editValues(const std::vector<std::string> &names,
                                const std::function<void(ParameterValues &)> &edit) const
 {
-    MKLock lock(mainCf_);
-    ParameterValues values = getStringValues(names);
+    std::unique_ptr<MKLock> lock;
+    ParameterValues values = lockAndRead(names, lock);
     edit(values);
     if (!values.empty())
         writeValues(values);

@@ -18,8 +18,11 @@
 #ifndef MAILTEND_MAIL_POSTFIX_MAINCFMANAGER_H
 #define MAILTEND_MAIL_POSTFIX_MAINCFMANAGER_H
 
+#include "utils/MKLock.h"
+
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -67,7 +70,8 @@ public:
     void editValues(const std::vector<std::string> &names,
                     const std::function<void(ParameterValues &)> &edit) const;
 
-    const std::string &mainCfPath() const { return mainCf_; }
+    // Asked of the tool once per process, unless a read told it already.
+    const std::string &mainCfPath() const;
 
     // Splitting rules, shared with the tests.
     static std::vector<std::string> splitSimpleList(const std::string &value);
@@ -79,11 +83,16 @@ public:
 private:
     MainCfManager();
     MainCfManager(const MainCfManager &) = delete;
+    void setConfigDirectory(const std::string &dir) const;
+    static std::string expectedMainCfPath();
+    // The values of names, read under the main.cf lock that lock then holds.
+    ParameterValues lockAndRead(const std::vector<std::string> &names,
+                                std::unique_ptr<MKLock> &lock) const;
     void writeValue(const std::string &name, const std::string &value) const;
     void writeValues(const ParameterValues &values) const;
     MainCfManager &operator=(const MainCfManager &) = delete;
 
-    std::string mainCf_;
+    mutable std::string mainCf_;
 };
 
 } // namespace postfix
