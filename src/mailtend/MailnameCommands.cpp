@@ -244,10 +244,10 @@ int removeAlias(const Args &args)
     return 0;
 }
 
-// The mailbox commands change the logins first, in a transaction left open
-// while the delivery file is edited: a failure of either (the edit throws)
-// leaves both as they were. Only a failed commit after the edit can split
-// them, and then the message says what stayed done.
+// The mailbox commands try the logins' change first and store it after the
+// delivery file is edited: a failure of either (the edit throws) leaves both
+// as they were. Only a failed commit after the edit can split them, and then
+// the message says what stayed done.
 int addMailbox(const Args &args)
 {
     const MailnameArguments a = mailnameArguments(args, MailnameCheck::Syntax);
