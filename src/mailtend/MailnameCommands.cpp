@@ -50,11 +50,7 @@ EnvPassword readEnvPassword(const Args &args)
 // rather than leave the mailbox set up in some domains only.
 bool panelReachable()
 {
-    MYSQL *conn = db_connect();
-    if (conn == nullptr)
-        return false;
-    mysql_close(conn);
-    return true;
+    return db_shared() != nullptr;
 }
 
 typedef std::vector<std::string> Names;

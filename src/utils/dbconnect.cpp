@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <unistd.h>
+
 namespace {
 
 const char *const password_file = "/etc/zrn/.zrn.shadow";
@@ -114,6 +116,42 @@ MYSQL *db_connect_nothrow(std::string *error)
     return conn;
 }
 
+namespace {
+
+// Closed only by the process that opened it: a forked child's exit would
+// otherwise end the parent's session.
+struct Shared {
+    MYSQL *conn = nullptr;
+    pid_t owner = 0;
+    MYSQL *inherited = nullptr; // the parent's, kept reachable in a child
+    ~Shared()
+    {
+        if (conn != nullptr && owner == getpid())
+            mysql_close(conn);
+        conn = nullptr;
+    }
+};
+
+MYSQL *shared(MYSQL *(*open)(std::string *), std::string *error)
+{
+    static Shared held;
+    if (held.conn != nullptr && held.owner != getpid()) {
+        held.inherited = held.conn;
+        held.conn = nullptr;
+    }
+    if (held.conn == nullptr && (held.conn = open(error)) != nullptr)
+        held.owner = getpid();
+    return held.conn;
+}
+
+MYSQL *connect_reporting(std::string *) { return db_connect(); }
+
+} // namespace
+
+MYSQL *db_shared_nothrow(std::string *error) { return shared(db_connect_nothrow, error); }
+
+MYSQL *db_shared() { return shared(connect_reporting, nullptr); }
+
 MYSQL *db_connect()
 {
     std::string error;
@@ -157,14 +195,9 @@ void free_array(char **array)
 
 int exec_mysql_query(MYSQL *conn, const char *query, char ***out)
 {
-    MYSQL *own = nullptr;
-    if (conn == nullptr) {
-        own = db_connect();
-        if (own == nullptr) {
-            zarnet_log(3, "Unable to connect to mysql database");
-            return -1;
-        }
-        conn = own;
+    if (conn == nullptr && (conn = db_shared()) == nullptr) {
+        zarnet_log(3, "Unable to connect to mysql database");
+        return -1;
     }
 
     int rc = -1;
@@ -192,8 +225,6 @@ int exec_mysql_query(MYSQL *conn, const char *query, char ***out)
 
     if (res != nullptr)
         mysql_free_result(res);
-    if (own != nullptr)
-        mysql_close(own);
     *out = rc == 0 ? array : nullptr;
     return rc;
 }
