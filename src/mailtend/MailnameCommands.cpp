@@ -139,7 +139,7 @@ int removeMailname(const Args &args)
         return 1;
 
     MailAuthCommand auth;
-    if (rm_mails_from_domains(a.mailname.c_str(), a.domain.c_str()) == -1)
+    if (rm_mails_from_domains(a.mailname.c_str(), a.domain.c_str()) == -1 || auth.check() != 0)
         return 1;
     MailnameManager::removeMailname(a.domain, a.mailname, MailnameManager::RemoveHome,
                                     mailAliasList);
@@ -183,6 +183,8 @@ int renameMailname(const Args &args)
             if (mailAuthRename(oldName.c_str(), newName.c_str(), alias.c_str()) == -1)
                 return 1;
     }
+    if (auth.check() != 0)
+        return 1;
     MailnameManager::renameMailname(domain, oldName, newName);
     const std::string from = at(oldName, domain), to = at(newName, domain);
     if (commitLogins(auth, "rename", from) != 0)
@@ -210,6 +212,8 @@ int addAlias(const Args &args)
         if (mailAuthClone(alias.c_str(), a.domain.c_str(), alias.c_str(), domainAlias.c_str()) ==
             -1)
             return 1;
+    if (auth.check() != 0)
+        return 1;
     MailnameManager::createMailAlias(a.domain, a.mailname, alias);
     const std::string address = at(alias, a.domain);
     if (commitLogins(auth, "alias", address) != 0)
@@ -227,7 +231,7 @@ int removeAlias(const Args &args)
     const std::string alias = args.text("alias");
 
     MailAuthCommand auth;
-    if (rm_mname_from_domains(alias.c_str(), a.domain.c_str()) == -1)
+    if (rm_mname_from_domains(alias.c_str(), a.domain.c_str()) == -1 || auth.check() != 0)
         return 1;
     MailnameManager::removeMailAlias(a.domain, a.mailname, alias);
     const std::string address = at(alias, a.domain);
@@ -252,7 +256,8 @@ int addMailbox(const Args &args)
 
     const EnvPassword p = readEnvPassword(args);
     MailAuthCommand auth;
-    if (set_passwd_for_domains(a.mailname.c_str(), a.domain.c_str(), p.password, p.flags) == -1)
+    if (set_passwd_for_domains(a.mailname.c_str(), a.domain.c_str(), p.password, p.flags) == -1 ||
+        auth.check() != 0)
         return 1;
     MailnameManager::enableDelivery(a.domain, a.mailname);
     if (auth.commit() == 0)
@@ -269,7 +274,7 @@ int removeMailbox(const Args &args)
         return 1;
 
     MailAuthCommand auth;
-    if (rm_mails_from_domains(a.mailname.c_str(), a.domain.c_str()) == -1)
+    if (rm_mails_from_domains(a.mailname.c_str(), a.domain.c_str()) == -1 || auth.check() != 0)
         return 1;
     MailnameManager::disableDelivery(a.domain, a.mailname);
     if (auth.commit() == 0)

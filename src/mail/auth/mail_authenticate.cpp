@@ -15,7 +15,6 @@
 #include <functional>
 #include <list>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -187,9 +186,7 @@ int run(const std::vector<Change> &changes, bool store)
 }
 
 // apply in the transaction in progress, else in one of its own: all of its
-// rows are stored or none. A command's change is only tried, together with
-// its earlier ones, and rolled back: its failure shows now, before the
-// command goes on, and ends the command's changes. 0 or -1.
+// rows are stored or none. A command's change is kept for it. 0 or -1.
 int change(const Change &apply)
 {
     if (session.db != nullptr)
@@ -201,8 +198,20 @@ int change(const Change &apply)
     if (!session.command)
         return run(std::vector<Change>(1, apply), true);
     session.changes.push_back(apply);
-    if (run(session.changes, false) == 0)
+    return 0;
+}
+
+// The command's changes run, committed (store true) or rolled back; a
+// failure drops them and fails later ones. 0 or -1.
+int run_command(bool store)
+{
+    if (session.failed)
+        return -1;
+    if (session.changes.empty() || run(session.changes, store) == 0) {
+        if (store)
+            session.changes.clear();
         return 0;
+    }
     session.changes.clear();
     session.failed = true;
     return -1;
@@ -849,15 +858,6 @@ MailAuthCommand::~MailAuthCommand()
     session.command = false;
 }
 
-int MailAuthCommand::commit()
-{
-    if (session.failed)
-        return -1;
-    if (session.changes.empty())
-        return 0;
-    const std::vector<Change> changes = std::move(session.changes);
-    session.changes.clear();
-    const int result = run(changes, true);
-    session.failed = result != 0;
-    return result;
-}
+int MailAuthCommand::check() { return run_command(false); }
+
+int MailAuthCommand::commit() { return run_command(true); }

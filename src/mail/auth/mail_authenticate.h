@@ -98,20 +98,23 @@ int rm_domain_auth_alias(const char *alias);
 
 // All changes a command makes, stored in one transaction by commit() after
 // its other steps succeeded. While one lives the functions above keep their
-// changes for it: each is tried at once with the ones before it, in a
-// transaction rolled back at its end, so a database that cannot take them
-// (unreadable, locked beyond the wait, a row refused) fails the function
-// before the command changes anything else. The write lock is held only
-// while a transaction runs: never while the command waits for another lock
-// or runs a program. One handle serves all its transactions. A failed change
-// fails later ones; the destructor drops what commit() did not store. The
-// walks do not see kept changes. One at a time.
+// changes for it (a spreading function still reads its panel lists at once).
+// check() tries them in a transaction that it rolls back, so a database that
+// cannot take them (unreadable, locked beyond the wait, a row refused) fails
+// the command before it changes anything else. passwd.db's write lock is held
+// only while such a transaction runs: never while the command waits for
+// another lock or runs a program. One handle serves both transactions. A
+// failure drops the changes and fails later calls; the destructor drops what
+// commit() did not store. The walks do not see kept changes. One at a time.
 class MailAuthCommand {
 public:
     MailAuthCommand();
     ~MailAuthCommand();
     MailAuthCommand(const MailAuthCommand &) = delete;
     MailAuthCommand &operator=(const MailAuthCommand &) = delete;
+    // 0 when the changes kept so far would be stored (or there are none),
+    // else -1 after a report; nothing is stored.
+    int check();
     // 0 when every change is stored (or none was asked), else -1; a failed
     // commit is reported and leaves nothing stored. The rows are those the
     // changes give at commit time.
