@@ -30,9 +30,9 @@ MYSQL *db_shared_nothrow(std::string *error = nullptr);
 MYSQL *db_shared();
 
 // Runs query on conn (or on the shared connection when conn is null) and
-// appends every row's first column to *out. A NULL
-// column is appended as the empty string. 0 on success, -1 on failure. The
-// text is sent as is: every value in it must already be escaped on conn.
+// appends every row's first column to *out. A NULL column is appended as the
+// empty string. 0 on success, -1 on failure. The text is sent as is: every
+// value in it must already be escaped on conn.
 int exec_mysql_query(MYSQL *conn, const char *query, char ***out);
 
 // Appends a copy of text to array (null: a new array); the result stays

@@ -4,11 +4,13 @@
 //
 // Every change runs in a transaction on the database at mailAuthDB: its
 // own, opened and committed before the function returns, or the one in
-// progress (a spreading function's), which it joins; a MailAuthCommand keeps
-// it for its commit. Either all rows of a call change or none. Bound parameters only;
-// statements are finalised and handles closed before the return of 0, or -1
-// after one zarnet_log report at level 3 per failing layer. Names are
-// NUL-terminated: mailname = local part, domain = ASCII domain name.
+// progress (a spreading function's), which it joins; while a MailAuthCommand
+// lives it is kept for that instead. Either all rows of a call change or
+// none. Bound parameters only; statements are finalised and handles closed
+// before the return of 0, or -1 after one zarnet_log report at level 3 per
+// failing layer (a MailAuthCommand's handle lives as long as it).
+// Names are NUL-terminated: mailname = local part, domain = ASCII domain
+// name.
 #ifndef MAILTEND_MAIL_AUTH_MAIL_AUTHENTICATE_H
 #define MAILTEND_MAIL_AUTH_MAIL_AUTHENTICATE_H
 
