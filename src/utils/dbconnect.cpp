@@ -118,29 +118,34 @@ MYSQL *db_connect_nothrow(std::string *error)
 
 namespace {
 
-// Closed only by the process that opened it: a forked child's exit would
-// otherwise end the parent's session.
+// The shared connection. Closed only by the process that opened it: a
+// forked child's exit would otherwise end the parent's session.
 struct Shared {
     MYSQL *conn = nullptr;
     pid_t owner = 0;
     MYSQL *inherited = nullptr; // the parent's, kept reachable in a child
-    ~Shared()
-    {
-        if (conn != nullptr && owner == getpid())
-            mysql_close(conn);
-        conn = nullptr;
-    }
-};
+} held;
+
+void close_shared()
+{
+    if (held.conn != nullptr && held.owner == getpid())
+        mysql_close(held.conn);
+    held.conn = nullptr;
+}
 
 MYSQL *shared(MYSQL *(*open)(std::string *), std::string *error)
 {
-    static Shared held;
     if (held.conn != nullptr && held.owner != getpid()) {
         held.inherited = held.conn;
         held.conn = nullptr;
     }
-    if (held.conn == nullptr && (held.conn = open(error)) != nullptr)
+    if (held.conn == nullptr && (held.conn = open(error)) != nullptr) {
         held.owner = getpid();
+        // Registered after the client library is up, so it runs before
+        // anything the library set up for exit.
+        static const bool registered = std::atexit(close_shared) == 0;
+        static_cast<void>(registered);
+    }
     return held.conn;
 }
 
