@@ -59,7 +59,7 @@ int changeDomainStatus(const Args &args, int (*authAction)(const char *), const 
     const std::string domain = storeDomain(args.text("domain-name"));
     // A table change that fails takes the login status change back with it.
     MailAuthCommand auth;
-    if (domain_auth_action(domain.c_str(), authAction, actionText) == -1)
+    if (domain_auth_action(domain.c_str(), authAction, actionText) == -1 || auth.check() != 0)
         return 1;
     tableAction(domain);
     if (commitLogins(auth, "status change", domain) != 0)

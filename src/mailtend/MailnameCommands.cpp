@@ -50,11 +50,7 @@ EnvPassword readEnvPassword(const Args &args)
 // rather than leave the mailbox set up in some domains only.
 bool panelReachable()
 {
-    MYSQL *conn = db_connect();
-    if (conn == nullptr)
-        return false;
-    mysql_close(conn);
-    return true;
+    return db_shared() != nullptr;
 }
 
 typedef std::vector<std::string> Names;
@@ -143,7 +139,7 @@ int removeMailname(const Args &args)
         return 1;
 
     MailAuthCommand auth;
-    if (rm_mails_from_domains(a.mailname.c_str(), a.domain.c_str()) == -1)
+    if (rm_mails_from_domains(a.mailname.c_str(), a.domain.c_str()) == -1 || auth.check() != 0)
         return 1;
     MailnameManager::removeMailname(a.domain, a.mailname, MailnameManager::RemoveHome,
                                     mailAliasList);
@@ -187,6 +183,8 @@ int renameMailname(const Args &args)
             if (mailAuthRename(oldName.c_str(), newName.c_str(), alias.c_str()) == -1)
                 return 1;
     }
+    if (auth.check() != 0)
+        return 1;
     MailnameManager::renameMailname(domain, oldName, newName);
     const std::string from = at(oldName, domain), to = at(newName, domain);
     if (commitLogins(auth, "rename", from) != 0)
@@ -214,6 +212,8 @@ int addAlias(const Args &args)
         if (mailAuthClone(alias.c_str(), a.domain.c_str(), alias.c_str(), domainAlias.c_str()) ==
             -1)
             return 1;
+    if (auth.check() != 0)
+        return 1;
     MailnameManager::createMailAlias(a.domain, a.mailname, alias);
     const std::string address = at(alias, a.domain);
     if (commitLogins(auth, "alias", address) != 0)
@@ -231,7 +231,7 @@ int removeAlias(const Args &args)
     const std::string alias = args.text("alias");
 
     MailAuthCommand auth;
-    if (rm_mname_from_domains(alias.c_str(), a.domain.c_str()) == -1)
+    if (rm_mname_from_domains(alias.c_str(), a.domain.c_str()) == -1 || auth.check() != 0)
         return 1;
     MailnameManager::removeMailAlias(a.domain, a.mailname, alias);
     const std::string address = at(alias, a.domain);
@@ -244,10 +244,10 @@ int removeAlias(const Args &args)
     return 0;
 }
 
-// The mailbox commands change the logins first, in a transaction left open
-// while the delivery file is edited: a failure of either (the edit throws)
-// leaves both as they were. Only a failed commit after the edit can split
-// them, and then the message says what stayed done.
+// The mailbox commands try the logins' change first and store it after the
+// delivery file is edited: a failure of either (the edit throws) leaves both
+// as they were. Only a failed commit after the edit can split them, and then
+// the message says what stayed done.
 int addMailbox(const Args &args)
 {
     const MailnameArguments a = mailnameArguments(args, MailnameCheck::Syntax);
@@ -256,7 +256,8 @@ int addMailbox(const Args &args)
 
     const EnvPassword p = readEnvPassword(args);
     MailAuthCommand auth;
-    if (set_passwd_for_domains(a.mailname.c_str(), a.domain.c_str(), p.password, p.flags) == -1)
+    if (set_passwd_for_domains(a.mailname.c_str(), a.domain.c_str(), p.password, p.flags) == -1 ||
+        auth.check() != 0)
         return 1;
     MailnameManager::enableDelivery(a.domain, a.mailname);
     if (auth.commit() == 0)
@@ -273,7 +274,7 @@ int removeMailbox(const Args &args)
         return 1;
 
     MailAuthCommand auth;
-    if (rm_mails_from_domains(a.mailname.c_str(), a.domain.c_str()) == -1)
+    if (rm_mails_from_domains(a.mailname.c_str(), a.domain.c_str()) == -1 || auth.check() != 0)
         return 1;
     MailnameManager::disableDelivery(a.domain, a.mailname);
     if (auth.commit() == 0)

@@ -139,10 +139,10 @@ Connection &Connection::operator=(Connection &&other) noexcept
 MYSQL *Connection::open()
 {
     if (handle_ == nullptr) {
-        handle_ = db_connect_nothrow();
+        handle_ = db_shared_nothrow();
         if (handle_ == nullptr)
             throw mError("connection failed");
-        own_ = true;
+        own_ = false;
     }
     return handle_;
 }

@@ -14,10 +14,11 @@
 // returns the connection, Query::fetch the query's Result, which owns the
 // stored result set and may outlive the chain but not the connection.
 //
-// Every database failure throws mError; the connection is opened on first
-// use and a failed open throws mError "connection failed" (the detailed
-// reason stays with db_connect_nothrow). A Connection closes its handle at
-// destruction only when it owns it.
+// Every database failure throws mError; the connection is the process's
+// shared one (db_shared_nothrow), taken on first use, and a failed open
+// throws mError "connection failed" (the detailed reason stays with
+// db_shared_nothrow). A Connection closes its handle at destruction only
+// when it owns it.
 #ifndef MAILTEND_UTILS_CPP_MYSQL_H
 #define MAILTEND_UTILS_CPP_MYSQL_H
 

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <unistd.h>
+
 namespace {
 
 const char *const password_file = "/etc/zrn/.zrn.shadow";
@@ -114,6 +116,47 @@ MYSQL *db_connect_nothrow(std::string *error)
     return conn;
 }
 
+namespace {
+
+// The shared connection. Closed only by the process that opened it: a
+// forked child's exit would otherwise end the parent's session.
+struct Shared {
+    MYSQL *conn = nullptr;
+    pid_t owner = 0;
+    MYSQL *inherited = nullptr; // the parent's, kept reachable in a child
+} held;
+
+void close_shared()
+{
+    if (held.conn != nullptr && held.owner == getpid())
+        mysql_close(held.conn);
+    held.conn = nullptr;
+}
+
+MYSQL *shared(MYSQL *(*open)(std::string *), std::string *error)
+{
+    if (held.conn != nullptr && held.owner != getpid()) {
+        held.inherited = held.conn;
+        held.conn = nullptr;
+    }
+    if (held.conn == nullptr && (held.conn = open(error)) != nullptr) {
+        held.owner = getpid();
+        // Registered after the client library is up, so it runs before
+        // anything the library set up for exit.
+        static const bool registered = std::atexit(close_shared) == 0;
+        static_cast<void>(registered);
+    }
+    return held.conn;
+}
+
+MYSQL *connect_reporting(std::string *) { return db_connect(); }
+
+} // namespace
+
+MYSQL *db_shared_nothrow(std::string *error) { return shared(db_connect_nothrow, error); }
+
+MYSQL *db_shared() { return shared(connect_reporting, nullptr); }
+
 MYSQL *db_connect()
 {
     std::string error;
@@ -157,14 +200,9 @@ void free_array(char **array)
 
 int exec_mysql_query(MYSQL *conn, const char *query, char ***out)
 {
-    MYSQL *own = nullptr;
-    if (conn == nullptr) {
-        own = db_connect();
-        if (own == nullptr) {
-            zarnet_log(3, "Unable to connect to mysql database");
-            return -1;
-        }
-        conn = own;
+    if (conn == nullptr && (conn = db_shared()) == nullptr) {
+        zarnet_log(3, "Unable to connect to mysql database");
+        return -1;
     }
 
     int rc = -1;
@@ -192,8 +230,6 @@ int exec_mysql_query(MYSQL *conn, const char *query, char ***out)
 
     if (res != nullptr)
         mysql_free_result(res);
-    if (own != nullptr)
-        mysql_close(own);
     *out = rc == 0 ? array : nullptr;
     return rc;
 }

@@ -22,10 +22,17 @@ MYSQL *db_connect_nothrow(std::string *error = nullptr);
 // As db_connect_nothrow, reporting a failure's text through messlog2.
 MYSQL *db_connect();
 
-// Runs query on conn (or on a connection of its own when conn is null, closed
-// again on every path) and appends every row's first column to *out. A NULL
-// column is appended as the empty string. 0 on success, -1 on failure. The
-// text is sent as is: every value in it must already be escaped on conn.
+// The process's connection: opened as db_connect_nothrow (or db_connect,
+// with its report) opens one by the first call that finds none, then handed
+// to every caller, which never closes it; closed at exit. A failed open is
+// tried again by the next call. A forked child opens its own.
+MYSQL *db_shared_nothrow(std::string *error = nullptr);
+MYSQL *db_shared();
+
+// Runs query on conn (or on the shared connection when conn is null) and
+// appends every row's first column to *out. A NULL column is appended as the
+// empty string. 0 on success, -1 on failure. The text is sent as is: every
+// value in it must already be escaped on conn.
 int exec_mysql_query(MYSQL *conn, const char *query, char ***out);
 
 // Appends a copy of text to array (null: a new array); the result stays

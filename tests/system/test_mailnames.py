@@ -3,7 +3,7 @@
 import pytest
 
 from panel_db import PanelDB
-from sandbox import MAILNAMES, POPUSER, TABLE_DIR
+from sandbox import AUTH_DB, MAILNAMES, POPUSER, REAL, TABLE_DIR
 
 DOMAIN, ALIASES = "example.com", ("example.net", "example.org")
 HOME, POSTMAP = f"{MAILNAMES}/{DOMAIN}", "/usr/sbin/postmap"
@@ -97,6 +97,24 @@ def test_mailname_life_cycle(sb):
         assert state(sb) == {"virtual": {}, "vmailbox": {}, "logins": {}, "homes": {}}
     assert [sb.mailtend("--check-handler", *HANDLER, f"--handler-type-name={owner}").rc
             for owner in owners] == [1] * 6 + [0]
+
+
+def test_logins_unlocked_while_tables_change(sb):
+    """passwd.db is free while postmap runs: its lock held while waiting for a table deadlocks."""
+    add_mailbox(sb)
+    probe = f"sqlite3 {AUTH_DB} 'BEGIN IMMEDIATE; ROLLBACK;' >/dev/null 2>&1 && echo free || echo held"
+    sb.write(REAL + POSTMAP, sb.read(POSTMAP), mode=0o755)
+    sb.write(POSTMAP, f'#!/bin/sh\n({probe}) >> /tmp/probe\nexec {REAL}{POSTMAP} "$@"\n', mode=0o755)
+    try:
+        for args in (["--add-alias", "--mailname=info", "--alias=sales"],
+                     ["--rename-mailname", "--old-mailname=info", "--new-mailname=help"],
+                     ["--remove-mailname", "--mailname=help"]):
+            sb.mailtend(args[0], *D, *args[1:], env=PASSWORD).expect()
+    finally:
+        sb.restore(POSTMAP)
+    probes = sb.read_text("/tmp/probe").split()
+    # sales keeps its logins: the panel still lists it under info
+    assert (set(probes), state(sb)["logins"]) == ({"free"}, everywhere("sales", "s3cret"))
 
 
 BAD = "Fatal error: std::invalid_argument(a..b)\n"

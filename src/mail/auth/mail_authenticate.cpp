@@ -25,13 +25,17 @@ const char domain_id_failure[] =
     "Unable to bind parameter domain ID for mail address '%s@%s' to  SQL statement for query '%s': %s";
 const char no_domain_format[] = "No such domain '%s' in the mail authentication DB";
 
-// The transaction on passwd.db in progress: a spreading function's, or the
-// one a MailAuthCommand keeps for its command.
+// A change of rows, run inside a transaction on passwd.db; true on success.
+typedef std::function<bool(sqlite3 *db)> Change;
+
+// The transaction on passwd.db in progress, and a MailAuthCommand's
+// changes, kept until it commits them.
 struct Session {
-    sqlite3 *db = nullptr; // open in a transaction, else null
-    int depth = 0;         // changes running in it
-    bool command = false;  // a MailAuthCommand lives
-    bool failed = false;   // and a change of its command failed
+    sqlite3 *db = nullptr;       // open in a transaction, else null
+    bool command = false;        // a MailAuthCommand lives
+    bool failed = false;         // and a change of its command failed
+    sqlite3 *kept = nullptr;     // its handle, open between its transactions
+    std::vector<Change> changes; // its changes so far
 } session;
 
 // passwd.db for reading: the transaction in progress, which holds the rows
@@ -145,68 +149,85 @@ private:
     int index_ = 0;
 };
 
-// Opens passwd.db and starts the session's transaction; false after a report.
-bool begin()
+// Runs changes in one transaction, then commits it (store true) or rolls it
+// back. The write lock is held only while they run. A command's handle stays
+// open for its next transaction; any other is closed. 0, or -1 after a
+// report (nothing is then stored).
+int run(const std::vector<Change> &changes, bool store)
 {
-    sqlite3 *db = mailAuthDBOpen(SQLITE_OPEN_READWRITE, open_rw_format);
-    if (db == nullptr)
-        return false;
+    sqlite3 *db = session.kept;
+    if (db == nullptr && (db = mailAuthDBOpen(SQLITE_OPEN_READWRITE, open_rw_format)) == nullptr)
+        return -1;
+    if (session.command)
+        session.kept = db;
+    bool ok = false;
     // Immediate: a lock held elsewhere shows before any row is read.
     if (mailAuthDBExec(db, "BEGIN IMMEDIATE", nullptr) != SQLITE_OK) {
         zarnet_log(3, "Unable to start a transaction in the mail authentication database: %s",
                    sqlite3_errmsg(db));
+    } else {
+        session.db = db;
+        ok = true;
+        for (auto c = changes.begin(); ok && c != changes.end(); ++c)
+            ok = (*c)(db);
+        session.db = nullptr;
+        if (ok && store && mailAuthDBExec(db, "COMMIT", nullptr) != SQLITE_OK) {
+            zarnet_log(3, "Unable to commit the changes to the mail authentication database: %s",
+                       sqlite3_errmsg(db));
+            ok = false;
+        }
+        // A RAISE(ROLLBACK) trigger may have ended the transaction already.
+        if (!sqlite3_get_autocommit(db))
+            sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    if (!session.command)
         mailAuthDBClose(db);
-        return false;
-    }
-    session.db = db;
-    return true;
+    return ok ? 0 : -1;
 }
 
-// Commits (commit true) or rolls back the session's transaction and closes
-// its handle. 0, or -1 when the commit failed (its rows are then gone).
-int end(bool commit)
+// apply in the transaction in progress, else in one of its own: all of its
+// rows are stored or none. A command's change is kept for it. 0 or -1.
+int change(const Change &apply)
 {
-    sqlite3 *db = session.db;
-    session.db = nullptr;
-    int result = 0;
-    if (commit && mailAuthDBExec(db, "COMMIT", nullptr) != SQLITE_OK) {
-        zarnet_log(3, "Unable to commit the changes to the mail authentication database: %s",
-                   sqlite3_errmsg(db));
-        result = -1;
-    }
-    // A RAISE(ROLLBACK) trigger may have ended the transaction already.
-    if (!sqlite3_get_autocommit(db))
-        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-    mailAuthDBClose(db);
-    return result;
-}
-
-// apply(db) in the transaction in progress, else in one of its own: all
-// of its rows are stored or none. A failure rolls back everything the
-// transaction holds, and ends a command's changes. 0 or -1.
-int change(const std::function<bool(sqlite3 *db)> &apply)
-{
-    if (session.db == nullptr) {
-        if (session.failed) {
-            zarnet_log(3, "Mail authentication database left unchanged after an earlier failure");
-            return -1;
-        }
-        if (!begin()) {
-            session.failed = session.command;
-            return -1;
-        }
-    }
-    ++session.depth;
-    const bool ok = apply(session.db);
-    if (--session.depth > 0)
-        return ok ? 0 : -1;
-    if (!ok) {
-        end(false);
-        session.failed = session.command;
+    if (session.db != nullptr)
+        return apply(session.db) ? 0 : -1;
+    if (session.failed) {
+        zarnet_log(3, "Mail authentication database left unchanged after an earlier failure");
         return -1;
     }
-    return session.command ? 0 : end(true);
+    if (!session.command)
+        return run(std::vector<Change>(1, apply), true);
+    session.changes.push_back(apply);
+    return 0;
 }
+
+// The command's changes run, committed (store true) or rolled back; a
+// failure drops them and fails later ones. 0 or -1.
+int run_command(bool store)
+{
+    if (session.failed)
+        return -1;
+    if (session.changes.empty() || run(session.changes, store) == 0) {
+        if (store)
+            session.changes.clear();
+        return 0;
+    }
+    session.changes.clear();
+    session.failed = true;
+    return -1;
+}
+
+// A copy of a string argument that a kept change can outlive; null stays
+// null.
+class Arg {
+public:
+    Arg(const char *text) : null_(text == nullptr), text_(text != nullptr ? text : "") {}
+    const char *get() const { return null_ ? nullptr : text_.c_str(); }
+
+private:
+    bool null_;
+    std::string text_;
+};
 
 int row_flags(const char *enc_password, int user_status, int domain_status)
 {
@@ -339,7 +360,7 @@ bool mailnames_and_aliases(const char *domain, const char *aliases_failure, bool
 
 // A spreading function's result: apply in one transaction, with the
 // panel's lists read before.
-int spread(bool listed, const std::function<bool(sqlite3 *db)> &apply)
+int spread(bool listed, const Change &apply)
 {
     return change(apply) == -1 ? -1 : listed ? 1 : 0;
 }
@@ -474,6 +495,24 @@ bool remove_domain(sqlite3 *db, const char *domain)
                .run("Unable to execute the domain mail authorization removal query: %s") == 0;
 }
 
+bool rename_user(sqlite3 *db, const char *old_mailname, const char *new_mailname, const char *domain)
+{
+    const sqlite3_int64 dom_id = domain_id(db, domain, MAIL_AUTH_NO_CREATE);
+    if (dom_id < 0) {
+        // A failed lookup has been reported already.
+        if (dom_id == -1)
+            zarnet_log(3, no_domain_format, domain);
+        return false;
+    }
+    return Statement(db, "UPDATE users SET name=? WHERE name=? AND dom_id=?")
+               .text(new_mailname, "Unable to bind parameter new mailname '%s' to  SQL statement for query"
+                                   " '%s': %s", new_mailname)
+               .text(old_mailname, "Unable to bind parameter old mailname '%s' to  SQL statement for query"
+                                   " '%s': %s", old_mailname)
+               .integer(dom_id, domain_id_failure, old_mailname, domain)
+               .run("Unable to execute the mail authorization renaming query: %s") == 0;
+}
+
 } // namespace
 
 sqlite3_int64 getDomainId(const char *domain, sqlite3 **db, unsigned char flags)
@@ -488,45 +527,38 @@ sqlite3_int64 getDomainId(const char *domain, sqlite3 **db, unsigned char flags)
 
 int mailAuthSet(const char *mailname, const char *domain, const char *password, int flags)
 {
-    return change([&](sqlite3 *db) { return set_user(db, mailname, domain, password, flags); });
+    return change([m = Arg(mailname), d = Arg(domain), p = Arg(password), flags](sqlite3 *db) {
+        return set_user(db, m.get(), d.get(), p.get(), flags);
+    });
 }
 
 int mailAuthRemove(const char *mailname, const char *domain)
 {
-    return change([&](sqlite3 *db) { return remove_user(db, mailname, domain); });
+    return change([m = Arg(mailname), d = Arg(domain)](sqlite3 *db) {
+        return remove_user(db, m.get(), d.get());
+    });
 }
 
 int mailAuthRename(const char *old_mailname, const char *new_mailname, const char *domain)
 {
-    return change([&](sqlite3 *db) {
-        const sqlite3_int64 dom_id = domain_id(db, domain, MAIL_AUTH_NO_CREATE);
-        if (dom_id < 0) {
-            // A failed lookup has been reported already.
-            if (dom_id == -1)
-                zarnet_log(3, no_domain_format, domain);
-            return false;
-        }
-        return Statement(db, "UPDATE users SET name=? WHERE name=? AND dom_id=?")
-                   .text(new_mailname, "Unable to bind parameter new mailname '%s' to  SQL statement for query"
-                                       " '%s': %s", new_mailname)
-                   .text(old_mailname, "Unable to bind parameter old mailname '%s' to  SQL statement for query"
-                                       " '%s': %s", old_mailname)
-                   .integer(dom_id, domain_id_failure, old_mailname, domain)
-                   .run("Unable to execute the mail authorization renaming query: %s") == 0;
+    return change([o = Arg(old_mailname), n = Arg(new_mailname), d = Arg(domain)](sqlite3 *db) {
+        return rename_user(db, o.get(), n.get(), d.get());
     });
 }
 
 int mailAuthClone(const char *src_mailname, const char *src_domain, const char *dst_mailname,
                   const char *dst_domain)
 {
-    return change([&](sqlite3 *db) {
-        return clone_user(db, src_mailname, src_domain, dst_mailname, dst_domain);
+    return change([sm = Arg(src_mailname), sd = Arg(src_domain), dm = Arg(dst_mailname),
+                   dd = Arg(dst_domain)](sqlite3 *db) {
+        return clone_user(db, sm.get(), sd.get(), dm.get(), dd.get());
     });
 }
 
-int setDomainStatus(const char *domain, int status)
+int setDomainStatus(const char *domain_name, int status)
 {
-    return change([&](sqlite3 *db) {
+    return change([d = Arg(domain_name), status](sqlite3 *db) {
+        const char *domain = d.get();
         return Statement(db, "UPDATE domains SET status=? WHERE name=?")
                    .integer(status, "Unable to bind parameter status %d to  SQL statement for query '%s': %s",
                             status)
@@ -540,9 +572,10 @@ int mailAuthEnableDomain(const char *domain) { return setDomainStatus(domain, 0)
 
 int mailAuthDisableDomain(const char *domain) { return setDomainStatus(domain, 1); }
 
-int mailAuthRenameDomain(const char *old_domain, const char *new_domain)
+int mailAuthRenameDomain(const char *old_name, const char *new_name)
 {
-    return change([&](sqlite3 *db) {
+    return change([o = Arg(old_name), n = Arg(new_name)](sqlite3 *db) {
+        const char *old_domain = o.get(), *new_domain = n.get();
         return Statement(db, "UPDATE domains SET name=? WHERE name=?")
                    .text(new_domain, "Unable to bind parameter new domain name '%s' to SQL statement for"
                                      " query '%s': %s", new_domain)
@@ -554,7 +587,7 @@ int mailAuthRenameDomain(const char *old_domain, const char *new_domain)
 
 int mailAuthRemoveDomain(const char *domain)
 {
-    return change([&](sqlite3 *db) { return remove_domain(db, domain); });
+    return change([d = Arg(domain)](sqlite3 *db) { return remove_domain(db, d.get()); });
 }
 
 int mailAuthCheck(const char *address, mailAuthCallback callback, void *data)
@@ -649,7 +682,9 @@ const char *get_env_crypted_password()
 
 int set_postbox_passwd(const char *mailname, const char *domain, const char *password, int flags)
 {
-    return change([&](sqlite3 *db) { return store(db, mailname, domain, password, flags); });
+    return change([m = Arg(mailname), d = Arg(domain), p = Arg(password), flags](sqlite3 *db) {
+        return store(db, m.get(), d.get(), p.get(), flags);
+    });
 }
 
 namespace {
@@ -680,8 +715,9 @@ int set_passwd_for_domains(const char *mailname, const char *domain, const char 
     bool listed = false;
     if (!domain_and_aliases(domain, "Unable to get domain aliases for domain %s", &domains, &listed))
         return -1;
-    return spread(listed, [&](sqlite3 *db) {
-        return store_everywhere(db, {mailname}, domains, password, flags);
+    return spread(listed, [names = std::vector<std::string>(1, mailname), domains,
+                           p = Arg(password), flags](sqlite3 *db) {
+        return store_everywhere(db, names, domains, p.get(), flags);
     });
 }
 
@@ -694,8 +730,8 @@ int set_mass_postbox_passwd(const char *mailname, const char *domain, const char
         !panel_list([&](char ***out) { return get_aliases_by_mailname(nullptr, out, mailname, domain); },
                     &names, &listed))
         return -1;
-    return spread(listed, [&](sqlite3 *db) {
-        return store_everywhere(db, names, domains, password, flags);
+    return spread(listed, [names, domains, p = Arg(password), flags](sqlite3 *db) {
+        return store_everywhere(db, names, domains, p.get(), flags);
     });
 }
 
@@ -705,10 +741,10 @@ int rm_mname_from_domains(const char *mailname, const char *domain)
     bool listed = false;
     if (!domain_and_aliases(domain, "Unable to get domain aliases for domain %s", &domains, &listed))
         return -1;
-    return spread(listed, [&](sqlite3 *db) {
+    return spread(listed, [local = std::string(mailname), domains](sqlite3 *db) {
         for (const std::string &name : domains) {
-            if (!remove_user(db, mailname, name.c_str())) {
-                zarnet_log(3, "Unable to remove mailname %s@%s", mailname, name.c_str());
+            if (!remove_user(db, local.c_str(), name.c_str())) {
+                zarnet_log(3, "Unable to remove mailname %s@%s", local.c_str(), name.c_str());
                 return false;
             }
         }
@@ -727,7 +763,7 @@ int rm_mails_from_domains(const char *mailname, const char *domain)
         zarnet_log(3, "Unable to get mail aliases for mailname %s%s", mailname, domain);
         return -1;
     }
-    return spread(listed, [&](sqlite3 *db) {
+    return spread(listed, [names, domains](sqlite3 *db) {
         for (const std::string &name : names) {
             for (const std::string &in : domains) {
                 if (remove_user(db, name.c_str(), in.c_str()))
@@ -750,12 +786,12 @@ int domain_auth_action(const char *domain, int (*action)(const char *domain),
     if (!domain_and_aliases(domain, "Unable to get aliases for domain %s", &domains, &listed))
         return -1;
     // The action joins this transaction: it runs while it is in progress.
-    return spread(listed, [&](sqlite3 *) {
+    return spread(listed, [domains, action, text = std::string(action_text)](sqlite3 *) {
         for (const std::string &name : domains) {
             if (action(name.c_str()) == -1) {
                 zarnet_log(3, &name == &domains.front() ? "Unable to %s for domain %s"
                                                         : "Unable to %s for domain alias %s",
-                           action_text, name.c_str());
+                           text.c_str(), name.c_str());
                 return false;
             }
         }
@@ -769,10 +805,10 @@ int add_domain_auth_alias(const char *domain, const char *alias)
     bool listed = false;
     if (!mailnames_and_aliases(domain, "Unable to get mail aliases for %s@%s", true, &names, &listed))
         return -1;
-    return spread(listed, [&](sqlite3 *db) {
+    return spread(listed, [names, from = std::string(domain), to = std::string(alias)](sqlite3 *db) {
         for (const std::string &name : names) {
-            if (!clone_user(db, name.c_str(), domain, name.c_str(), alias)) {
-                zarnet_log(3, "Unable to clone auth record for %s@%s", name.c_str(), domain);
+            if (!clone_user(db, name.c_str(), from.c_str(), name.c_str(), to.c_str())) {
+                zarnet_log(3, "Unable to clone auth record for %s@%s", name.c_str(), from.c_str());
                 return false;
             }
         }
@@ -793,14 +829,14 @@ int rm_domain_auth_alias(const char *alias)
         !mailnames_and_aliases(owner[0].c_str(), "Unable to get aliases for mailname %s@%s", false,
                                &names, &listed))
         return -1;
-    return spread(listed, [&](sqlite3 *db) {
-        if (!remove_domain(db, alias)) {
-            zarnet_log(3, "Unable to remove domain %s from auth database", alias);
+    return spread(listed, [names, gone = std::string(alias)](sqlite3 *db) {
+        if (!remove_domain(db, gone.c_str())) {
+            zarnet_log(3, "Unable to remove domain %s from auth database", gone.c_str());
             return false;
         }
         for (const std::string &name : names) {
-            if (!remove_user(db, name.c_str(), alias)) {
-                zarnet_log(3, "Unable to remove mail alias %s@%s", name.c_str(), alias);
+            if (!remove_user(db, name.c_str(), gone.c_str())) {
+                zarnet_log(3, "Unable to remove mail alias %s@%s", name.c_str(), gone.c_str());
                 return false;
             }
         }
@@ -816,14 +852,12 @@ MailAuthCommand::MailAuthCommand()
 
 MailAuthCommand::~MailAuthCommand()
 {
-    if (session.db != nullptr)
-        end(false);
+    mailAuthDBClose(session.kept);
+    session.kept = nullptr;
+    session.changes.clear();
     session.command = false;
 }
 
-int MailAuthCommand::commit()
-{
-    if (session.failed)
-        return -1;
-    return session.db != nullptr ? end(true) : 0;
-}
+int MailAuthCommand::check() { return run_command(false); }
+
+int MailAuthCommand::commit() { return run_command(true); }

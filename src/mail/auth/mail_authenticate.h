@@ -4,11 +4,13 @@
 //
 // Every change runs in a transaction on the database at mailAuthDB: its
 // own, opened and committed before the function returns, or the one in
-// progress (the spreading function's or the MailAuthCommand's), which it
-// joins. Either all rows of a call change or none. Bound parameters only;
-// statements are finalised and handles closed before the return of 0, or -1
-// after one zarnet_log report at level 3 per failing layer. Names are
-// NUL-terminated: mailname = local part, domain = ASCII domain name.
+// progress (a spreading function's), which it joins; while a MailAuthCommand
+// lives it is kept for that instead. Either all rows of a call change or
+// none. Bound parameters only; statements are finalised and handles closed
+// before the return of 0, or -1 after one zarnet_log report at level 3 per
+// failing layer (a MailAuthCommand's handle lives as long as it).
+// Names are NUL-terminated: mailname = local part, domain = ASCII domain
+// name.
 #ifndef MAILTEND_MAIL_AUTH_MAIL_AUTHENTICATE_H
 #define MAILTEND_MAIL_AUTH_MAIL_AUTHENTICATE_H
 
@@ -96,20 +98,28 @@ int add_domain_auth_alias(const char *domain, const char *alias);
 // Removes the alias's domain row and its mail aliases' records.
 int rm_domain_auth_alias(const char *alias);
 
-// All changes a command makes, in one transaction that it commits after its
-// other steps succeeded. While one lives the functions above leave their
-// rows to it, so passwd.db is opened (and its write lock taken) when the
-// first of them changes a row, after its panel lists are read. A failed
-// change rolls back everything the command changed and fails later ones.
-// The destructor rolls back what commit() did not store. One at a time.
+// All changes a command makes, stored in one transaction by commit() after
+// its other steps succeeded. While one lives the functions above keep their
+// changes for it (a spreading function still reads its panel lists at once).
+// check() tries them in a transaction that it rolls back, so a database that
+// cannot take them (unreadable, locked beyond the wait, a row refused) fails
+// the command before it changes anything else. passwd.db's write lock is held
+// only while such a transaction runs: never while the command waits for
+// another lock or runs a program. One handle serves both transactions. A
+// failure drops the changes and fails later calls; the destructor drops what
+// commit() did not store. The walks do not see kept changes. One at a time.
 class MailAuthCommand {
 public:
     MailAuthCommand();
     ~MailAuthCommand();
     MailAuthCommand(const MailAuthCommand &) = delete;
     MailAuthCommand &operator=(const MailAuthCommand &) = delete;
+    // 0 when the changes kept so far would be stored (or there are none),
+    // else -1 after a report; nothing is stored.
+    int check();
     // 0 when every change is stored (or none was asked), else -1; a failed
-    // commit is reported and leaves nothing stored.
+    // commit is reported and leaves nothing stored. The rows are those the
+    // changes give at commit time.
     int commit();
 };
 

@@ -13,19 +13,6 @@
 
 namespace {
 
-// A connection opened for one query when the caller passed none.
-struct OwnConnection {
-    MYSQL *conn = nullptr;
-    OwnConnection() = default;
-    OwnConnection(const OwnConnection &) = delete;
-    OwnConnection &operator=(const OwnConnection &) = delete;
-    ~OwnConnection()
-    {
-        if (conn != nullptr)
-            mysql_close(conn);
-    }
-};
-
 // value escaped by the client library for a '...' literal in the
 // connection's character set; ok is cleared when the library refuses.
 std::string escaped(MYSQL *conn, const char *value, bool *ok)
@@ -57,15 +44,10 @@ template <typename... Names>
 int list_query(MYSQL *conn, char ***out, const char *failure, const char *format, Names... names)
 {
     *out = nullptr;
-    OwnConnection own;
-    if (conn == nullptr) {
-        own.conn = db_connect();
-        if (own.conn == nullptr) {
-            zarnet_log(3, "Unable to connect to mysql database");
-            zarnet_log(3, failure, names...);
-            return -1;
-        }
-        conn = own.conn;
+    if (conn == nullptr && (conn = db_shared()) == nullptr) {
+        zarnet_log(3, "Unable to connect to mysql database");
+        zarnet_log(3, failure, names...);
+        return -1;
     }
     bool ok = true;
     const std::string values[] = {escaped(conn, names, &ok)...};
@@ -123,13 +105,11 @@ int get_dom_Limit(const char *dom_id, const char *name, char *out, size_t size)
 {
     if (size > 0)
         out[0] = '\0';
-    OwnConnection own;
-    own.conn = db_connect();
-    if (own.conn == nullptr) {
+    MYSQL *const conn = db_shared();
+    if (conn == nullptr) {
         messlog2(0, 0, "Unable to connect to the mysql database\n");
         return -1;
     }
-    MYSQL *const conn = own.conn;
 
     bool ok = true;
     const std::string id = escaped(conn, dom_id, &ok);

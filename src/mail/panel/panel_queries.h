@@ -2,8 +2,8 @@
 //
 // Every name reaches the query escaped by the client library on the open
 // connection: names come from the command line and may hold quotes
-// ("o'brien" is a valid local part). conn may be null: a connection is then
-// opened for the one query.
+// ("o'brien" is a valid local part). conn may be null: the process's shared
+// connection (db_shared) is then used.
 // Each returns 0 and stores a null-terminated array in *out (null when no
 // row matched; release with free_array), or -1 after logging its message.
 #ifndef MAILTEND_MAIL_PANEL_PANEL_QUERIES_H

@@ -26,16 +26,15 @@ using namespace database;
 
 const char local_host[] = "@localhost.localdomain";
 
-// Owns one panel connection for a run of queries; each query's array is
+// The panel connection for a run of queries; each query's array is
 // released before the next.
 class PanelLists {
 public:
-    PanelLists() : conn_(db_connect())
+    PanelLists() : conn_(db_shared())
     {
         if (conn_ == nullptr)
             throw std::runtime_error("unable to connect to the panel database");
     }
-    ~PanelLists() { mysql_close(conn_); }
     PanelLists(const PanelLists &) = delete;
     PanelLists &operator=(const PanelLists &) = delete;
 

@@ -136,13 +136,9 @@ private:
     std::string name_;
 };
 
-struct MysqlCloser {
+// The process's shared panel connection (db_shared), never closed here.
+struct PanelConnection {
     MYSQL *conn;
-    ~MysqlCloser()
-    {
-        if (conn != nullptr)
-            mysql_close(conn);
-    }
 };
 
 struct MysqlResultFreer {
@@ -386,11 +382,11 @@ bool popuserIds(uid_t *uid, gid_t *gid)
     return true;
 }
 
-// Connects to the panel and escapes the domain for its queries; false
-// after a report.
-bool openPanel(const char *domain, MysqlCloser &db, CFree &escaped)
+// The panel connection, and the domain escaped for its queries; false after
+// a report.
+bool openPanel(const char *domain, PanelConnection &db, CFree &escaped)
 {
-    db.conn = db_connect();
+    db.conn = db_shared();
     if (db.conn == nullptr) {
         report("unable to connect to MySQL");
         return false;
@@ -644,7 +640,7 @@ int store_mbox_quota(const char *domain, const char *mailname, long long quota)
 
 int rm_mbox_quota(const char *domain, const char *mailname)
 {
-    MysqlCloser db{nullptr};
+    PanelConnection db{nullptr};
     CFree escaped{nullptr};
     if (!openPanel(domain, db, escaped))
         return 0;
@@ -662,7 +658,7 @@ int rm_mbox_quota(const char *domain, const char *mailname)
 
 int store_default_mbox_quota(const char *domain, long long quota)
 {
-    MysqlCloser db{nullptr};
+    PanelConnection db{nullptr};
     CFree escaped{nullptr};
     if (!openPanel(domain, db, escaped))
         return 0;
