@@ -5,7 +5,7 @@ import subprocess
 import sys
 import time
 
-TARGET_MS = 3.0
+TARGET_MS = 1.0
 
 
 def one_run(argv):

@@ -1,6 +1,7 @@
 #include "utils/dbconnect.h"
 
 #include "utils/liblog.h"
+#include "utils/mysql_client.h"
 #include "utils/product_log.h"
 
 #include <cerrno>
@@ -77,6 +78,12 @@ std::string db_error(MYSQL *conn, const char *context)
 
 MYSQL *db_connect_nothrow(std::string *error)
 {
+    std::string load_error;
+    if (!mysql_client_load(&load_error)) {
+        set_error(error, load_error);
+        errno = 0;
+        return nullptr;
+    }
     char password[100];
     if (!read_password(password, error))
         return nullptr;

@@ -15,8 +15,10 @@
 
 // Opens a connection and sends "SET NAMES utf8"; connecting, reading and
 // writing time out after a few seconds, so a stalled server is a failure
-// rather than a hang. On failure returns null and,
-// when error is given, stores the failing step's text there.
+// rather than a hang. The first call loads the client library
+// (utils/mysql_client.h); not finding it is a failure like any other step's.
+// On failure returns null and, when error is given, stores the failing
+// step's text there.
 MYSQL *db_connect_nothrow(std::string *error = nullptr);
 
 // As db_connect_nothrow, reporting a failure's text through messlog2.

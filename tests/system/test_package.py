@@ -31,7 +31,8 @@ def test_package_sets_up_the_server_and_leaves_the_mail_data(sandbox, sandbox_ba
     control, listing = (sp.run(["dpkg-deb", a, deb], check=True, capture_output=True,
                                text=True).stdout for a in ("-f", "-c"))
     depends = set(re.findall(r"(?:^Depends: |, )([^ ,(]+)", control, re.M))
-    assert {"postfix", "courier-authlib-sqlite", "maildrop", "libsqlite3-0"} <= depends, depends
+    assert {"postfix", "courier-authlib-sqlite", "maildrop", "libsqlite3-0",
+            "libmariadb3"} <= depends, depends
     assert {ln.split()[-1][1:] for ln in listing.splitlines() if ln[0] == "-"} == FILES
 
     sb = sandbox  # the rig's copies of the programs are replaced by the package's
