@@ -44,6 +44,15 @@ void sleepOneSecond()
     }
 }
 
+// For a reload the master may also be between queue managers: right after
+// a reload the old one has left and the new one is not started yet.
+bool masterRuns(pid_t master)
+{
+    return process::walkProcesses([master](pid_t pid, pid_t ppid, const std::string &name) {
+        return (pid == master && name == "master") || (ppid == master && name == "qmgr");
+    });
+}
+
 } // namespace
 
 int ServiceManager::rcCommand(const std::string &action)
@@ -98,7 +107,7 @@ int ServiceManager::reloadServer()
     process::FdOwner handle(static_cast<int>(::syscall(SYS_pidfd_open, master, 0)));
     if (!handle.valid() && errno != ENOSYS)
         return 1;
-    if (!queueManagerRuns(master))
+    if (!masterRuns(master))
         return 1;
     const long sent = handle.valid()
                           ? ::syscall(SYS_pidfd_send_signal, handle.get(), SIGHUP, nullptr, 0)

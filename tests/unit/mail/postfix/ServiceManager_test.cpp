@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -100,15 +101,19 @@ TEST(ServiceManagerTest, ReloadSignalsOnlyARunningMaster)
     ASSERT_EQ(::sigaction(SIGHUP, &hup, &old), 0);
     const std::string self = std::to_string(::getpid());
     const struct {
-        const char *fault, *pidText, *child;
+        const char *fault, *pidText, *child, *ownName;
         int code, signals;
     } cases[] = {
-        {"running_master_not_signalled", "self", "qmgr", 0, 1},
-        {"signalled_without_a_queue_manager", "self", "pickup", 1, 0},
-        {"signalled_with_no_pid_file", nullptr, "qmgr", 1, 0},
-        {"signalled_an_unrelated_process", "1", "qmgr", 1, 0},
+        {"running_master_not_signalled", "self", "qmgr", nullptr, 0, 1},
+        {"signalled_without_a_queue_manager", "self", "pickup", nullptr, 1, 0},
+        {"master_between_queue_managers_not_signalled", "self", "pickup", "master", 0, 1},
+        {"signalled_with_no_pid_file", nullptr, "qmgr", "master", 1, 0},
+        {"signalled_an_unrelated_process", "1", "qmgr", nullptr, 1, 0},
     };
+    char name[16] = {};
+    ASSERT_EQ(::prctl(PR_GET_NAME, name), 0);
     for (const auto &c : cases) {
+        ::prctl(PR_SET_NAME, c.ownName != nullptr ? c.ownName : name);
         std::remove(pidFile.c_str());
         if (c.pidText != nullptr)
             spit(pidFile, std::string(c.pidText) == "self" ? self : c.pidText);
@@ -117,6 +122,7 @@ TEST(ServiceManagerTest, ReloadSignalsOnlyARunningMaster)
         EXPECT_EQ(ServiceManager::reloadServer(), c.code) << c.fault;
         EXPECT_EQ(hangups, c.signals) << c.fault;
     }
+    ::prctl(PR_SET_NAME, name);
     ::sigaction(SIGHUP, &old, nullptr);
     ServiceManager::setPathsForTesting("", "");
 }
