@@ -5,12 +5,11 @@
 #include "mail/handlers/handlers.h"
 #include "mail/handlers/handlers_mass.h"
 #include "mail/postfix/DomainManager.h"
-#include "mail/postfix/MainCfManager.h"
+#include "mail/postfix/ServiceManager.h"
 #include "mail/postfix/lookup_tables.h"
 #include "mailtend/CommandNames.h"
 #include "utils/UtilityErrorStream.h"
 #include "utils/liblog.h"
-#include "utils/proc_status.h"
 
 #include <csignal>
 #include <cstdint>
@@ -21,32 +20,19 @@ namespace zarnet::mail::postfix::mailtend_commands {
 
 namespace {
 
-const char rewrite_daemon[] = "/trivial-rewrite";
-const char default_daemon_directory[] = "/usr/libexec/postfix";
-
 // The address-rewriting daemon, which tells which domains the server takes
 // mail for, keeps its tables open and serves long-lived clients, so it looks
 // for changed tables only when a new client comes; an interrupt ends it and
 // the master starts a fresh one, with the new tables, at the next request.
-// Best effort: it notices changed tables on its own too, only later.
-void killproc(const std::string &path)
+// Found as the master's child by name, so no configuration run is needed to
+// learn where the installed Postfix keeps it. Best effort: it notices
+// changed tables on its own too, only later.
+void interruptRewriteDaemon()
 {
     try {
-        zarnet::process::killproc(path, SIGINT);
+        ServiceManager::signalServerProcesses("trivial-rewrite", SIGINT);
     } catch (const std::exception &) {
     }
-}
-
-// The daemon of the Postfix that actually runs: its daemon directory as
-// main.cf gives it, else the packaged layout's.
-std::string rewriteDaemonPath()
-{
-    std::string directory;
-    try {
-        directory = MainCfManager::getInstance().getStringValue("daemon_directory", false);
-    } catch (const std::exception &) {
-    }
-    return (directory.empty() ? std::string(default_daemon_directory) : directory) + rewrite_daemon;
 }
 
 // Domain status change in the authentication database, then in the tables,
@@ -64,7 +50,7 @@ int changeDomainStatus(const Args &args, int (*authAction)(const char *), const 
     tableAction(domain);
     if (commitLogins(auth, "status change", domain) != 0)
         return 1;
-    killproc(rewriteDaemonPath());
+    interruptRewriteDaemon();
     mass_control_handler_by_mailname(domain.c_str(), nullptr, handlerAction);
     return 0;
 }
@@ -113,7 +99,7 @@ int addDomain(const Args &args)
         DomainManager::createDomain(domain, args.get<int64_t>("disk-quota"), false);
     else
         DomainManager::createDomain(domain, false);
-    killproc(rewriteDaemonPath());
+    interruptRewriteDaemon();
     return 0;
 }
 
@@ -126,7 +112,7 @@ int removeDomain(const Args &args)
     if (domain_auth_action(domain.c_str(), mailAuthRemoveDomain, "remove auth record") == -1)
         return 1;
     DomainManager::removeDomain(domain, removeStorage);
-    killproc(rewriteDaemonPath());
+    interruptRewriteDaemon();
     if (mass_control_handler_by_mailname(domain.c_str(), nullptr, HANDLER_ACTION_REMOVE) != 0)
         zarnet::uerr << "WARNING: unable to properly remove all mail handlers for " << domain
                      << std::endl;
@@ -176,7 +162,7 @@ int addDomainAlias(const Args &args)
     const std::string domain = storeDomain(args.text("domain-name"));
     const std::string alias = storeDomain(args.text("domain-alias-name"));
     DomainManager::createDomainAlias(domain, alias);
-    killproc(rewriteDaemonPath());
+    interruptRewriteDaemon();
     if (mass_control_handler_by_mailname(domain.c_str(), alias.c_str(), HANDLER_ACTION_CLONE) != 0)
         zarnet::uerr << "WARNING: unable to clone all mail handlers for " << alias << std::endl;
     if (clone_domain_key(domain.c_str(), alias.c_str()) != 0)
@@ -190,7 +176,7 @@ int removeDomainAlias(const Args &args)
 {
     const std::string alias = storeDomain(args.text("domain-alias-name"));
     DomainManager::removeDomainAlias(alias);
-    killproc(rewriteDaemonPath());
+    interruptRewriteDaemon();
     if (mass_control_handler_by_mailname(alias.c_str(), nullptr, HANDLER_ACTION_REMOVE) != 0)
         zarnet::uerr << "WARNING: unable to properly remove mail handlers for " << alias
                      << std::endl;
@@ -204,7 +190,7 @@ int renameDomainAlias(const Args &args)
     const std::string from = storeDomain(args.text("old-domain-alias-name"));
     const std::string to = storeDomain(args.text("new-domain-alias-name"));
     DomainManager::renameDomainAlias(domain, from, to);
-    killproc(rewriteDaemonPath());
+    interruptRewriteDaemon();
     if (mass_control_handler_by_mailname(from.c_str(), to.c_str(), HANDLER_ACTION_REASSIGN) != 0)
         zarnet::uerr << "WARNING: unable to properly re-assign mail handlers from " << from
                      << " to " << to << std::endl;

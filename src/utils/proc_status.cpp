@@ -96,15 +96,6 @@ bool readStat(pid_t pid, pid_t &ppid, std::string &name)
     return true;
 }
 
-bool runs(pid_t pid, const std::string &path)
-{
-    char target[PATH_MAX + 1];
-    const ssize_t n = ::readlink(procPath(pid, "exe").c_str(), target, sizeof target);
-    if (n < 0 || static_cast<std::size_t>(n) >= sizeof target)
-        return false;
-    return path.compare(0, std::string::npos, target, static_cast<std::size_t>(n)) == 0;
-}
-
 } // namespace
 
 bool walkProcesses(const ProcessVisitor &visit)
@@ -116,29 +107,6 @@ bool walkProcesses(const ProcessVisitor &visit)
             return true;
     }
     return false;
-}
-
-pid_t findProcessByPath(const std::string &path)
-{
-    for (pid_t pid : listPids())
-        if (runs(pid, path))
-            return pid;
-    return -1;
-}
-
-int killproc(const std::string &path, int sig)
-{
-    const pid_t self = ::getpid();
-    int count = 0;
-    for (pid_t pid : listPids()) {
-        if (pid == self || !runs(pid, path))
-            continue;
-        if (::kill(pid, sig) == 0)
-            ++count;
-        else if (errno != ESRCH)
-            throwSystemError("kill");
-    }
-    return count;
 }
 
 } // namespace process

@@ -1,8 +1,7 @@
 // The process table as the kernel shows it under "/proc".
 //
 // Processes come and go while the table is read: one that ends between
-// being listed and being read is skipped, never an error. Kernel threads
-// have no executable and never match a path. Failing to list "/proc"
+// being listed and being read is skipped, never an error. Failing to list "/proc"
 // itself throws SystemError "opendir /proc" or "readdir /proc".
 #ifndef MAILTEND_UTILS_PROC_STATUS_H
 #define MAILTEND_UTILS_PROC_STATUS_H
@@ -21,14 +20,6 @@ typedef std::function<bool(pid_t pid, pid_t ppid, const std::string &name)> Proc
 
 // True when the visitor ended the walk, false when it saw every process.
 bool walkProcesses(const ProcessVisitor &visit);
-
-// The first process whose executable link names exactly path, or -1.
-pid_t findProcessByPath(const std::string &path);
-
-// Sends sig to every other process running the executable path and returns
-// how many got it. Throws SystemError "kill" when one cannot be signalled
-// for a reason other than having ended.
-int killproc(const std::string &path, int sig);
 
 } // namespace process
 } // namespace zarnet

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <ctime>
 #include <fstream>
+#include <vector>
 
 namespace zarnet {
 namespace mail {
@@ -113,6 +114,24 @@ int ServiceManager::reloadServer()
                           ? ::syscall(SYS_pidfd_send_signal, handle.get(), SIGHUP, nullptr, 0)
                           : ::kill(master, SIGHUP);
     return sent == 0 ? 0 : 1;
+}
+
+int ServiceManager::signalServerProcesses(const std::string &name, int sig)
+{
+    const pid_t master = readMasterPid();
+    if (master == -1)
+        return 0;
+    std::vector<pid_t> found;
+    process::walkProcesses([&](pid_t pid, pid_t ppid, const std::string &comm) {
+        if (ppid == master && comm == name)
+            found.push_back(pid);
+        return false;
+    });
+    int signalled = 0;
+    for (const pid_t pid : found)
+        if (::kill(pid, sig) == 0)
+            ++signalled;
+    return signalled;
 }
 
 void ServiceManager::setPathsForTesting(const std::string &script, const std::string &pidFile)

@@ -34,6 +34,9 @@ public:
     // signal failed. It returns at once: the master re-reads its files and
     // replaces idle processes after, open sessions end under the old ones.
     static int reloadServer();
+    // Sends sig to the running master's children of that command name; how
+    // many got it. Nothing runs, nothing is signalled: no error.
+    static int signalServerProcesses(const std::string &name, int sig);
 
     // Tests use their own script and pid file; empty restores the defaults.
     static void setPathsForTesting(const std::string &script, const std::string &pidFile);

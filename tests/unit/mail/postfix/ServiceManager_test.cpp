@@ -124,5 +124,12 @@ TEST(ServiceManagerTest, ReloadSignalsOnlyARunningMaster)
     }
     ::prctl(PR_SET_NAME, name);
     ::sigaction(SIGHUP, &old, nullptr);
+    // Only the master's own children of that name are signalled.
+    NamedChild rewrite("trivial-rewrite"), other("pickup");
+    for (const std::string pidText : {"1", "self"}) {
+        spit(pidFile, pidText == "self" ? self : pidText);
+        EXPECT_EQ(ServiceManager::signalServerProcesses("trivial-rewrite", SIGCONT),
+                  pidText == "self" ? 1 : 0) << pidText;
+    }
     ServiceManager::setPathsForTesting("", "");
 }
