@@ -381,14 +381,14 @@ def items(orig):
         "--stop-service": Item(
             ["--stop-service", "--mail-component=imap"],
             [["--start-service", "--mail-component=imap"]],
-            [run("/etc/init.d/courier-imap", "stop")]),
+            [run(f"/etc/init.d/{n}", "stop") for n in COURIER_INIT]),
         "--start-service": Item(
             ["--start-service", "--mail-component=imap"],
             [["--stop-service", "--mail-component=imap"]],
-            [run("/etc/init.d/courier-imap", "start")], prep=[["--stop-service", "--mail-component=imap"]]),
+            [run(f"/etc/init.d/{n}", "start") for n in COURIER_INIT], prep=[["--stop-service", "--mail-component=imap"]]),
         "--restart-service": Item(
             ["--restart-service", "--mail-component=imap"], [],
-            [run("/etc/init.d/courier-imap", "restart")],
+            [run(f"/etc/init.d/{n}", "restart") for n in COURIER_INIT],
             prep=[["--start-service", "--mail-component=imap"]]),
     }
 
