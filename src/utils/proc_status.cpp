@@ -96,7 +96,58 @@ bool readStat(pid_t pid, pid_t &ppid, std::string &name)
     return true;
 }
 
+// The children the kernel lists for pid's main thread, which for a
+// single-threaded parent are all of them; false when the kernel keeps no
+// such list.
+bool listChildren(pid_t pid, std::vector<pid_t> &children)
+{
+    const std::string path = procPath(pid, "task/") + std::to_string(pid) + "/children";
+    const int fd = fd_io::open_retry(path.c_str(), O_RDONLY);
+    if (fd < 0)
+        return false;
+    std::string text;
+    char buf[4096];
+    ssize_t n;
+    while ((n = fd_io::read_retry(fd, buf, sizeof buf)) > 0)
+        text.append(buf, static_cast<std::size_t>(n));
+    fd_io::close_quietly(fd);
+    if (n < 0)
+        return false;
+    const char *p = text.c_str();
+    for (;;) {
+        char *end = nullptr;
+        const long child = std::strtol(p, &end, 10);
+        if (end == p)
+            break;
+        if (child > 0 && child <= INT_MAX)
+            children.push_back(static_cast<pid_t>(child));
+        p = end;
+    }
+    return true;
+}
+
 } // namespace
+
+bool walkChildren(pid_t parent, const ProcessVisitor &visit)
+{
+    std::vector<pid_t> children;
+    if (!listChildren(parent, children))
+        return walkProcesses([&](pid_t pid, pid_t ppid, const std::string &name) {
+            return ppid == parent && visit(pid, ppid, name);
+        });
+    for (pid_t pid : children) {
+        pid_t ppid = 0;
+        std::string name;
+        if (readStat(pid, ppid, name) && ppid == parent && visit(pid, ppid, name))
+            return true;
+    }
+    return false;
+}
+
+bool readProcess(pid_t pid, pid_t &ppid, std::string &name)
+{
+    return readStat(pid, ppid, name);
+}
 
 bool walkProcesses(const ProcessVisitor &visit)
 {

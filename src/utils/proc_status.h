@@ -18,6 +18,14 @@ namespace process {
 // name, at most 15 bytes); returning true ends the walk.
 typedef std::function<bool(pid_t pid, pid_t ppid, const std::string &name)> ProcessVisitor;
 
+// As walkProcesses, over the children of parent only: from the kernel's
+// list of them where it keeps one (no walk of every process), else by the
+// walk.
+bool walkChildren(pid_t parent, const ProcessVisitor &visit);
+
+// One process's parent pid and command name; false when it is gone.
+bool readProcess(pid_t pid, pid_t &ppid, std::string &name);
+
 // True when the visitor ended the walk, false when it saw every process.
 bool walkProcesses(const ProcessVisitor &visit);
 

@@ -33,8 +33,8 @@ pid_t readMasterPid()
 
 bool queueManagerRuns(pid_t master)
 {
-    return process::walkProcesses([master](pid_t, pid_t ppid, const std::string &name) {
-        return ppid == master && name == "qmgr";
+    return process::walkChildren(master, [](pid_t, pid_t, const std::string &name) {
+        return name == "qmgr";
     });
 }
 
@@ -49,9 +49,11 @@ void sleepOneSecond()
 // a reload the old one has left and the new one is not started yet.
 bool masterRuns(pid_t master)
 {
-    return process::walkProcesses([master](pid_t pid, pid_t ppid, const std::string &name) {
-        return (pid == master && name == "master") || (ppid == master && name == "qmgr");
-    });
+    pid_t parent = 0;
+    std::string name;
+    if (process::readProcess(master, parent, name) && name == "master")
+        return true;
+    return queueManagerRuns(master);
 }
 
 } // namespace
@@ -122,8 +124,8 @@ int ServiceManager::signalServerProcesses(const std::string &name, int sig)
     if (master == -1)
         return 0;
     std::vector<pid_t> found;
-    process::walkProcesses([&](pid_t pid, pid_t ppid, const std::string &comm) {
-        if (ppid == master && comm == name)
+    process::walkChildren(master, [&](pid_t pid, pid_t, const std::string &comm) {
+        if (comm == name)
             found.push_back(pid);
         return false;
     });

@@ -20,4 +20,14 @@ TEST(ProcStatus, WalkReportsNameAndParent)
         EXPECT_TRUE(stopped) << name;
         EXPECT_EQ(got, name + " " + std::to_string(getpid()));
     }
+    // Only the parent's own children, however they are listed.
+    testsupport::NamedChild kid("kid");
+    std::vector<std::string> seen[2];
+    for (const pid_t parent : {getpid(), kid.pid()})
+        walkChildren(parent, [&](pid_t, pid_t ppid, const std::string &name) {
+            seen[parent == kid.pid()].push_back(name + " " + std::to_string(ppid));
+            return false;
+        });
+    EXPECT_EQ(seen[0], std::vector<std::string>{"kid " + std::to_string(getpid())});
+    EXPECT_TRUE(seen[1].empty());
 }
