@@ -107,8 +107,10 @@ int ServiceManager::reloadServer()
     if (master == -1)
         return 1;
     // Held before the check, so a pid reused after it cannot be signalled.
+    // Where the call is missing or filtered (old kernels, container system
+    // call filters) the plain signal still has to go out.
     process::FdOwner handle(static_cast<int>(::syscall(SYS_pidfd_open, master, 0)));
-    if (!handle.valid() && errno != ENOSYS)
+    if (!handle.valid() && errno == ESRCH)
         return 1;
     if (!masterRuns(master))
         return 1;
