@@ -65,10 +65,11 @@ std::string procPath(pid_t pid, const char *entry)
     return std::string(procRoot) + "/" + std::to_string(pid) + "/" + entry;
 }
 
-// The parent pid and name from /proc/<pid>/stat. The name sits in
-// parentheses and may itself hold blanks and parentheses, so it ends at the
-// last ")".
-bool readStat(pid_t pid, pid_t &ppid, std::string &name)
+} // namespace
+
+// From /proc/<pid>/stat. The name sits in parentheses and may itself hold
+// blanks and parentheses, so it ends at the last ")".
+bool readProcess(pid_t pid, pid_t &ppid, std::string &name)
 {
     const int fd = fd_io::open_retry(procPath(pid, "stat").c_str(), O_RDONLY);
     if (fd < 0)
@@ -95,6 +96,8 @@ bool readStat(pid_t pid, pid_t &ppid, std::string &name)
     name = line.substr(open + 1, close - open - 1);
     return true;
 }
+
+namespace {
 
 // The children the kernel lists for pid's main thread, which for a
 // single-threaded parent are all of them; false when the kernel keeps no
@@ -138,15 +141,10 @@ bool walkChildren(pid_t parent, const ProcessVisitor &visit)
     for (pid_t pid : children) {
         pid_t ppid = 0;
         std::string name;
-        if (readStat(pid, ppid, name) && ppid == parent && visit(pid, ppid, name))
+        if (readProcess(pid, ppid, name) && ppid == parent && visit(pid, ppid, name))
             return true;
     }
     return false;
-}
-
-bool readProcess(pid_t pid, pid_t &ppid, std::string &name)
-{
-    return readStat(pid, ppid, name);
 }
 
 bool walkProcesses(const ProcessVisitor &visit)
@@ -154,7 +152,7 @@ bool walkProcesses(const ProcessVisitor &visit)
     for (pid_t pid : listPids()) {
         pid_t ppid = 0;
         std::string name;
-        if (readStat(pid, ppid, name) && visit(pid, ppid, name))
+        if (readProcess(pid, ppid, name) && visit(pid, ppid, name))
             return true;
     }
     return false;

@@ -7,6 +7,7 @@
 #include "utils/ExSystemError.h"
 #include "utils/MKLock.h"
 #include "utils/fd_io.h"
+#include "utils/text_lines.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -387,14 +388,7 @@ void DatabaseHelper::filterRecords(const std::string &table, const RecordFilter 
 
 bool DatabaseHelper::checkOutput(const std::string &output, bool strict)
 {
-    std::string::size_type begin = 0;
-    while (begin < output.size()) {
-        std::string::size_type end = output.find('\n', begin);
-        if (end == std::string::npos)
-            end = output.size();
-        const std::string line = output.substr(begin, end - begin);
-        begin = end + 1;
-
+    for (const std::string &line : splitLines(output)) {
         const std::string::size_type colon = line.find(':');
         if (colon == std::string::npos || colon + 1 >= line.size())
             continue;

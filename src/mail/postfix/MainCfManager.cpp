@@ -4,6 +4,7 @@
 #include "mail/postfix/PostfixError.h"
 #include "mail/postfix/postfix_tool.h"
 #include "utils/MKLock.h"
+#include "utils/text_lines.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -24,20 +25,6 @@ std::string trim(const std::string &s, const char *blanks)
     if (first == std::string::npos)
         return std::string();
     return s.substr(first, s.find_last_not_of(blanks) - first + 1);
-}
-
-std::vector<std::string> outputLines(const std::string &output)
-{
-    std::vector<std::string> lines;
-    std::string::size_type start = 0;
-    while (start < output.size()) {
-        std::string::size_type end = output.find('\n', start);
-        if (end == std::string::npos)
-            end = output.size();
-        lines.push_back(trim(output.substr(start, end - start), " \t\r"));
-        start = end + 1;
-    }
-    return lines;
 }
 
 // Only a file written in the last two seconds is moved: an older one makes
@@ -111,6 +98,17 @@ ParameterValues MainCfManager::lockAndRead(const std::vector<std::string> &names
     return values;
 }
 
+// One read run: the values on output, the tool's warnings on errors.
+void MainCfManager::query(const std::vector<std::string> &args, std::string &output,
+                          std::string &errors) const
+{
+    const int status = runPostfixTool(configTool, args, process::InputSource(),
+                                      process::makeStringReceiver(output),
+                                      process::makeStringReceiver(errors));
+    if (!exitedZero(status))
+        throw PostfixConfigurationError(failureText(errors, status));
+}
+
 std::string MainCfManager::getStringValue(const std::string &name, bool defaultValue) const
 {
     std::vector<std::string> args{"-h"};
@@ -119,11 +117,7 @@ std::string MainCfManager::getStringValue(const std::string &name, bool defaultV
     args.push_back(name);
 
     std::string value, errors;
-    const int status = runPostfixTool(configTool, args, process::InputSource(),
-                                      process::makeStringReceiver(value),
-                                      process::makeStringReceiver(errors));
-    if (!exitedZero(status))
-        throw PostfixConfigurationError(failureText(errors, status));
+    query(args, value, errors);
     if (value.empty() && !DatabaseHelper::checkOutput(errors, false))
         throw PostfixConfigurationError(errors);
     return trim(value, " \t\r\n");
@@ -141,14 +135,12 @@ ParameterValues MainCfManager::getStringValues(const std::vector<std::string> &n
         args.push_back("config_directory");
     args.insert(args.end(), names.begin(), names.end());
     std::string output, errors;
-    const int status = runPostfixTool(configTool, args, process::InputSource(),
-                                      process::makeStringReceiver(output),
-                                      process::makeStringReceiver(errors));
-    if (!exitedZero(status))
-        throw PostfixConfigurationError(failureText(errors, status));
+    query(args, output, errors);
     // One line per name in the order asked; anything else (an unknown name
     // prints no line) is read name by name, which reports it as before.
-    const std::vector<std::string> lines = outputLines(output);
+    std::vector<std::string> lines = splitLines(output);
+    for (std::string &line : lines)
+        line = trim(line, " \t\r");
     if (lines.size() != args.size() - 1 || !errors.empty()) {
         mainCfPath();
         for (const std::string &name : names)

@@ -84,6 +84,8 @@ private:
     MainCfManager();
     MainCfManager(const MainCfManager &) = delete;
     void setConfigDirectory(const std::string &dir) const;
+    void query(const std::vector<std::string> &args, std::string &output,
+               std::string &errors) const;
     static std::string expectedMainCfPath();
     // The values of names, read under the main.cf lock that lock then holds.
     ParameterValues lockAndRead(const std::vector<std::string> &names,

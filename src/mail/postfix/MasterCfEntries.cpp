@@ -1,5 +1,7 @@
 #include "mail/postfix/MasterCfEntries.h"
 
+#include "utils/text_lines.h"
+
 #include <algorithm>
 #include <sstream>
 
@@ -50,13 +52,7 @@ MasterCfEntries::Pieces MasterCfEntries::parse(const std::string &text)
         pieces.back().text += lines;
     };
 
-    std::string::size_type pos = 0;
-    while (pos < text.size()) {
-        const std::string::size_type end = text.find('\n', pos);
-        const std::string line =
-            text.substr(pos, end == std::string::npos ? std::string::npos : end + 1 - pos);
-        pos += line.size();
-
+    for (const std::string &line : splitLines(text, true)) {
         switch (kindOf(line)) {
         case startLine:
             between(pending);

@@ -2,6 +2,7 @@
 
 #include "mail/services/service_scripts.h"
 #include "utils/fd_io.h"
+#include "utils/text_lines.h"
 #include "utils/product_log.h"
 #include "utils/read_configuration.h"
 
@@ -53,12 +54,7 @@ std::string edited(const std::string &text, const courier_param *params)
     bool seen[kMaxParams] = {};
     std::string out;
     out.reserve(text.size() + 256);
-    for (size_t start = 0; start < text.size();) {
-        size_t end = text.find('\n', start);
-        end = end == std::string::npos ? text.size() : end + 1;
-        const std::string line = text.substr(start, end - start);
-        start = end;
-
+    for (const std::string &line : zarnet::splitLines(text, true)) {
         bool copy = true;
         for (int i = 0; params[i].name != nullptr; ++i) {
             if (i >= kMaxParams) {

@@ -136,11 +136,6 @@ private:
     std::string name_;
 };
 
-// The process's shared panel connection (db_shared), never closed here.
-struct PanelConnection {
-    MYSQL *conn;
-};
-
 struct MysqlResultFreer {
     MYSQL_RES *res;
     ~MysqlResultFreer()
@@ -382,17 +377,17 @@ bool popuserIds(uid_t *uid, gid_t *gid)
     return true;
 }
 
-// The panel connection, and the domain escaped for its queries; false after
-// a report.
-bool openPanel(const char *domain, PanelConnection &db, CFree &escaped)
+// The process's shared panel connection (never closed here), and the domain
+// escaped for its queries; null after a report.
+MYSQL *openPanel(const char *domain, CFree &escaped)
 {
-    db.conn = db_shared();
-    if (db.conn == nullptr) {
+    MYSQL *const conn = db_shared();
+    if (conn == nullptr) {
         report("unable to connect to MySQL");
-        return false;
+        return nullptr;
     }
-    escaped.p = mysql_escape_mail_entity(db.conn, domain);
-    return escaped.p != nullptr;
+    escaped.p = mysql_escape_mail_entity(conn, domain);
+    return escaped.p != nullptr ? conn : nullptr;
 }
 
 // Runs "SELECT id FROM domains ..." for the escaped domain; the id, or ""
@@ -640,11 +635,11 @@ int store_mbox_quota(const char *domain, const char *mailname, long long quota)
 
 int rm_mbox_quota(const char *domain, const char *mailname)
 {
-    PanelConnection db{nullptr};
     CFree escaped{nullptr};
-    if (!openPanel(domain, db, escaped))
+    MYSQL *const conn = openPanel(domain, escaped);
+    if (conn == nullptr)
         return 0;
-    const std::string id = domainId(db.conn, domain, static_cast<const char *>(escaped.p));
+    const std::string id = domainId(conn, domain, static_cast<const char *>(escaped.p));
     if (id.empty())
         return 0;
     char limit[64] = "";
@@ -658,9 +653,9 @@ int rm_mbox_quota(const char *domain, const char *mailname)
 
 int store_default_mbox_quota(const char *domain, long long quota)
 {
-    PanelConnection db{nullptr};
     CFree escaped{nullptr};
-    if (!openPanel(domain, db, escaped))
+    MYSQL *const conn = openPanel(domain, escaped);
+    if (conn == nullptr)
         return 0;
     char query[1024];
     const int n = std::snprintf(query, sizeof query,
@@ -671,13 +666,13 @@ int store_default_mbox_quota(const char *domain, long long quota)
         REPORT_PLAIN("domain name is too long to fit query buffer");
         return 0;
     }
-    if (mysql_real_query(db.conn, query, static_cast<unsigned long>(n)) != 0) {
-        REPORT_PLAIN("Unable to query mailnames: %s", mysql_error(db.conn));
+    if (mysql_real_query(conn, query, static_cast<unsigned long>(n)) != 0) {
+        REPORT_PLAIN("Unable to query mailnames: %s", mysql_error(conn));
         return 0;
     }
-    MysqlResultFreer result{mysql_store_result(db.conn)};
+    MysqlResultFreer result{mysql_store_result(conn)};
     if (result.res == nullptr) {
-        REPORT_PLAIN("Unable to query mailnames: %s", mysql_error(db.conn));
+        REPORT_PLAIN("Unable to query mailnames: %s", mysql_error(conn));
         return 0;
     }
     while (const MYSQL_ROW row = mysql_fetch_row(result.res)) {

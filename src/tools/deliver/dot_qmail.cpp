@@ -5,6 +5,7 @@
 #include "tools/deliver/run_program.h"
 #include "utils/fd_io.h"
 #include "utils/mail_validate.h"
+#include "utils/text_lines.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -123,13 +124,7 @@ std::vector<QmailLine> readDotQmail(const Recipient &recipient)
     const std::string text = readFile(recipient.home, path);
     std::vector<QmailLine> lines;
     bool delivers = false;
-    std::string::size_type start = 0;
-    while (start < text.size()) {
-        std::string::size_type end = text.find('\n', start);
-        if (end == std::string::npos)
-            end = text.size();
-        const std::string raw = text.substr(start, end - start);
-        start = end + 1;
+    for (const std::string &raw : zarnet::splitLines(text)) {
         QmailLine line = classifyQmailLine(raw);
         switch (line.kind) {
         case QmailLine::Ignore:

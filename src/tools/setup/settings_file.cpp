@@ -5,6 +5,7 @@
 #include "utils/FdOwner.h"
 #include "utils/MKLock.h"
 #include "utils/fd_io.h"
+#include "utils/text_lines.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -72,13 +73,7 @@ std::string applySettings(const std::string &text, const SettingsSyntax &syntax,
                           const std::vector<Setting> &settings, std::vector<std::string> *written)
 {
     std::vector<bool> seen(settings.size(), false);
-    std::vector<std::string> lines;
-    for (std::string::size_type start = 0; start < text.size();) {
-        std::string::size_type end = text.find('\n', start);
-        end = end == std::string::npos ? text.size() : end + 1;
-        lines.push_back(text.substr(start, end - start));
-        start = end;
-    }
+    const std::vector<std::string> lines = splitLines(text, true);
 
     auto assignment = [&](const Setting &s) {
         const std::string line = s.key + syntax.written + s.value;
